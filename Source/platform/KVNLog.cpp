@@ -1,0 +1,8 @@
+#include "KVNLog.h"
+
+#include <QDebug>
+
+void KVNLog(const QString &line)
+{
+    qWarning().noquote() << line;
+}

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+struct KVNOperationQueueState;
+
+// A unit of background work with dependencies and a cancelled flag. A plain
+// KVNOperation has an empty body and serves as a barrier.
+//
+// Guarantees: an operation runs after all its dependencies have finished,
+// cancelled ones included; a cancelled operation that has not started runs no
+// body, and its dependants run all the same.
+class KVNOperation : public std::enable_shared_from_this<KVNOperation> {
+public:
+    KVNOperation();
+    virtual ~KVNOperation();
+    KVNOperation(const KVNOperation &) = delete;
+    KVNOperation &operator=(const KVNOperation &) = delete;
+
+    // Dependencies are added before the operation is added to a queue.
+    void addDependency(const std::shared_ptr<KVNOperation> &operation);
+    std::vector<std::shared_ptr<KVNOperation>> dependencies() const;
+
+    virtual void cancel();
+    bool isCancelled() const { return cancelled_.load(std::memory_order_acquire); }
+    bool isExecuting() const;
+    bool isFinished() const;
+    // Blocks until the operation has finished (with or without its body).
+    void waitUntilFinished();
+
+protected:
+    virtual void main() {}
+
+private:
+    friend struct KVNOperationQueueState;
+    void run();
+    void finish();
+    // Called with the operation's queue state; answers whether it is ready now.
+    bool attachToQueue(const std::shared_ptr<KVNOperationQueueState> &queue);
+    void dependencyFinished();
+
+    mutable std::mutex mutex_;
+    std::condition_variable finishedCv_;
+    std::vector<std::shared_ptr<KVNOperation>> dependencies_;
+    std::vector<std::weak_ptr<KVNOperation>> dependants_;
+    std::shared_ptr<KVNOperationQueueState> queue_;
+    int pendingDependencies_ = 0;
+    bool enqueued_ = false;
+    bool executing_ = false;
+    bool finished_ = false;
+    std::atomic<bool> cancelled_{false};
+};
+
+using KVNOperationPtr = std::shared_ptr<KVNOperation>;
+
+// An operation whose body is a function; convenient for small steps and tests.
+class KVNBlockOperation : public KVNOperation {
+public:
+    explicit KVNBlockOperation(std::function<void(KVNBlockOperation &)> body) : body_(std::move(body)) {}
+    static std::shared_ptr<KVNBlockOperation> make(std::function<void(KVNBlockOperation &)> body)
+    {
+        return std::make_shared<KVNBlockOperation>(std::move(body));
+    }
+
+protected:
+    void main() override { body_(*this); }
+
+private:
+    std::function<void(KVNBlockOperation &)> body_;
+};

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "KVNOperation.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+// The part of a queue that its worker threads and its operations share; it
+// outlives the queue object while a worker still holds it.
+struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueState> {
+    mutable std::mutex mutex;
+    std::condition_variable workCv;
+    std::condition_variable idleCv;
+    std::deque<KVNOperationPtr> ready;
+    // Insertion order is kept for operations(); the map finds an entry fast.
+    std::vector<KVNOperationPtr> all;
+    std::unordered_map<KVNOperation *, std::size_t> index;
+    std::size_t removedSinceCompaction = 0;
+    std::size_t liveCount = 0;
+    std::size_t finishedTotal = 0;
+    std::vector<std::thread> threads;
+    std::vector<std::thread::id> threadIds;
+    int idleThreads = 0;
+    int width = 1;
+    bool shutdown = false;
+
+    std::mutex notifyMutex;
+    std::function<void(std::size_t, std::size_t)> countObserver;
+    std::size_t lastNotifiedCount = 0;
+
+    void add(const KVNOperationPtr &operation);
+    void makeReady(const KVNOperationPtr &operation);
+    void removeFinished(KVNOperation *operation);
+    void notifyCount();
+    void workerLoop();
+    void startWorkerIfNeeded(); // with mutex held
+    bool isWorkerThread() const;
+};

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QString>
+#include <QStringView>
+
+#include <compare>
+#include <cstdint>
+#include <memory>
+#include <variant>
+
+// A modification time with the nanoseconds the file system keeps, so that equal
+// on-disk times are equal and different ones are not.
+struct KVNDate {
+    int64_t seconds = 0;
+    uint32_t nanoseconds = 0;
+    auto operator<=>(const KVNDate &) const = default;
+    double toSecondsSinceEpoch() const { return double(seconds) + double(nanoseconds) / 1e9; }
+};
+
+class KVNKeyValueCoding;
+
+// The value of a key path, as predicates and reports see it.
+class KVNValue {
+public:
+    enum class Type { Nil, Bool, Integer, Double, String, Date, Object };
+
+    KVNValue() = default;
+    static KVNValue fromBool(bool v) { return KVNValue(Storage(std::in_place_index<1>, v)); }
+    static KVNValue fromInteger(int64_t v) { return KVNValue(Storage(std::in_place_index<2>, v)); }
+    static KVNValue fromDouble(double v) { return KVNValue(Storage(std::in_place_index<3>, v)); }
+    static KVNValue fromString(const QString &v) { return KVNValue(Storage(std::in_place_index<4>, v)); }
+    static KVNValue fromDate(KVNDate v) { return KVNValue(Storage(std::in_place_index<5>, v)); }
+    static KVNValue fromObject(std::shared_ptr<const KVNKeyValueCoding> v)
+    {
+        return v ? KVNValue(Storage(std::in_place_index<6>, std::move(v))) : KVNValue();
+    }
+
+    Type type() const { return Type(storage_.index()); }
+    bool isNil() const { return storage_.index() == 0; }
+    bool toBool() const { return std::get<1>(storage_); }
+    int64_t toInteger() const { return std::get<2>(storage_); }
+    double toDouble() const { return std::get<3>(storage_); }
+    const QString &toString() const { return std::get<4>(storage_); }
+    KVNDate toDate() const { return std::get<5>(storage_); }
+    const std::shared_ptr<const KVNKeyValueCoding> &toObject() const { return std::get<6>(storage_); }
+
+private:
+    using Storage = std::variant<std::monostate, bool, int64_t, double, QString, KVNDate,
+                                 std::shared_ptr<const KVNKeyValueCoding>>;
+    explicit KVNValue(Storage s) : storage_(std::move(s)) {}
+    Storage storage_;
+};
+
+// What predicates evaluate against: nodes and rows answer their properties by
+// name. An unknown key answers nil.
+class KVNKeyValueCoding {
+public:
+    virtual ~KVNKeyValueCoding() = default;
+    virtual KVNValue valueForKey(QStringView key) const = 0;
+};

@@ -1,0 +1,114 @@
+#pragma once
+
+#include "KVNFileNode.h"
+#include "KVNMergeDirection.h"
+#include "KVNPredicate.h"
+#include "KVNTinyLock.h"
+
+#include <QString>
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <vector>
+
+class KVNDirDiffTableElement;
+using KVNDirDiffTableElementPtr = std::shared_ptr<KVNDirDiffTableElement>;
+
+// One row of the comparison: a left node, a right node or both, at one
+// relative path. It reads one result out of its two nodes, keeps a merge
+// direction, defaults it when a result arrives, and sums its children's
+// directions into a directory's.
+class KVNDirDiffTableElement : public KVNNodeObserver,
+                               public KVNKeyValueCoding,
+                               public std::enable_shared_from_this<KVNDirDiffTableElement> {
+public:
+    static constexpr uint64_t kNoRowLayerIndex = ~uint64_t(0);
+
+    // initWithLeftNode:withRightNode:; either node may be null.
+    static KVNDirDiffTableElementPtr make(const KVNFileNodePtr &leftNode, const KVNFileNodePtr &rightNode);
+    KVNDirDiffTableElement(); // use make()
+    ~KVNDirDiffTableElement() override;
+
+    KVNFileNodePtr leftNode() const;
+    KVNFileNodePtr rightNode() const;
+    void setLeftNode(const KVNFileNodePtr &node);
+    void setRightNode(const KVNFileNodePtr &node);
+
+    uint32_t depthHint() const { return depthHint_.load(std::memory_order_relaxed); }
+    void setDepthHint(uint32_t depth) { depthHint_.store(depth, std::memory_order_relaxed); }
+    uint64_t rowLayerIndex() const { return kNoRowLayerIndex; }
+
+    KVNDirDiffTableElementPtr parentElement() const;
+    void setParentElement(const KVNDirDiffTableElementPtr &parent);
+    // A snapshot: rows may be added or removed by other threads meanwhile.
+    std::vector<KVNDirDiffTableElementPtr> childElements() const;
+    bool hasChildElements() const; // false while the list is nil
+    void addChildElement(const KVNDirDiffTableElementPtr &child); // creates the list on first use
+    void removeChildElement(const KVNDirDiffTableElement *child);
+    std::vector<KVNDirDiffTableElementPtr> filteredChildren(const KVNPredicatePtr &predicate) const;
+
+    // Values for the outline; empty without a node on that side.
+    QString labelLeft() const { return label(leftNode()); }
+    QString labelRight() const { return label(rightNode()); }
+    QString dateLabelLeft() const { return dateLabel(leftNode()); }
+    QString dateLabelRight() const { return dateLabel(rightNode()); }
+    QString sizeLabelLeft() const { return sizeLabel(leftNode()); }
+    QString sizeLabelRight() const { return sizeLabel(rightNode()); }
+    std::optional<KVNDate> dateLeft() const;
+    std::optional<KVNDate> dateRight() const;
+    bool isExposed() const { return false; }
+    void setIsExposed(bool) {}
+
+    // From the left node when there is one, otherwise from the right.
+    QByteArray relativePath() const;
+    QString displayRelativePath() const;
+    bool isDirectory() const;
+    bool isApplication() const;
+    bool isBundle() const;
+    QString spotlightItemKind() const;
+    QString spotlightItemFSName() const;
+    std::optional<uint64_t> spotlightItemFSSize() const;
+
+    int32_t diffResult() const;
+    uint64_t mergeDirection() const { return mergeDirection_.load(std::memory_order_acquire); }
+    void setMergeDirection(uint64_t direction);
+    void updateMergeDirectionForDirectory();
+    void updateAndNotifyParent();
+    void respondToChangedDiffResult();
+
+    // Worked out once from the relative path, so a row stays findable after a node swap.
+    std::size_t hash() const;
+    bool isEqual(const KVNDirDiffTableElement &other) const;
+    QString description() const;
+
+    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override;
+    KVNValue valueForKey(QStringView key) const override;
+
+private:
+    static QString label(const KVNFileNodePtr &node);
+    static QString dateLabel(const KVNFileNodePtr &node);
+    static QString sizeLabel(const KVNFileNodePtr &node);
+    KVNFileNodePtr primaryNode() const;
+    void setNode(KVNFileNodePtr &slot, const KVNFileNodePtr &node);
+
+    mutable KVNTinyLock lock_; // never held while another lock is taken
+    KVNFileNodePtr leftNode_;
+    KVNFileNodePtr rightNode_;
+    std::weak_ptr<KVNDirDiffTableElement> parentElement_;
+    std::unique_ptr<std::vector<KVNDirDiffTableElementPtr>> childElements_;
+    std::atomic<uint64_t> mergeDirection_{KVNMergeDirectionNone};
+    mutable std::atomic<std::size_t> cachedHash_{~std::size_t(0)};
+    std::atomic<uint32_t> depthHint_{0};
+};
+
+// Set semantics by row identity (hash and isEqual), as the reconciliation needs.
+struct KVNTableElementHash {
+    std::size_t operator()(const KVNDirDiffTableElementPtr &e) const { return e ? e->hash() : 0; }
+};
+struct KVNTableElementEqual {
+    bool operator()(const KVNDirDiffTableElementPtr &a, const KVNDirDiffTableElementPtr &b) const
+    {
+        return a && b ? a->isEqual(*b) : a == b;
+    }
+};

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "KVNComparisonDriver.h"
+#include "KVNDirDiffTableElement.h"
+
+#include <QByteArray>
+#include <QTemporaryDir>
+
+#include <map>
+#include <memory>
+
+// Builds real directory trees in a temporary folder for tests.
+class KVNTestTree {
+public:
+    KVNTestTree();
+    ~KVNTestTree(); // removes the tree byte by byte: names need not be text
+    QByteArray root() const; // absolute path, as bytes
+    QByteArray path(const QByteArray &relative) const;
+
+    // Creates parent directories as needed. mtimeSeconds < 0 leaves the time as it is.
+    void file(const QByteArray &relative, const QByteArray &contents = QByteArray(), int64_t mtimeSeconds = 1700000000);
+    void dir(const QByteArray &relative);
+    void symlink(const QByteArray &relative, const QByteArray &target, int64_t mtimeSeconds = 1700000000);
+    void setMtime(const QByteArray &relative, int64_t seconds, uint32_t nanoseconds = 0);
+    void remove(const QByteArray &relative); // file, link or whole directory
+    void rename(const QByteArray &from, const QByteArray &to);
+
+private:
+    std::unique_ptr<QTemporaryDir> dir_;
+};
+
+// A finished comparison, with the rows by their display path ("./a/b").
+struct KVNTestComparison {
+    std::shared_ptr<KVNComparisonDriver> driver;
+    std::vector<KVNDirDiffTableElementPtr> rows;
+    std::map<QString, KVNDirDiffTableElementPtr> byPath;
+
+    // Runs a full comparison (and its status refresh) of two trees.
+    static KVNTestComparison run(const KVNTestTree &left, const KVNTestTree &right, const QString &exclusion = QString());
+    // Runs the update path after the disk changed, and re-reads the rows.
+    void update();
+    void reread();
+    KVNDirDiffTableElementPtr row(const QString &path) const; // null when absent
+    QStringList paths() const; // rows in table order
+};
+
+// Runs fn in a child process with the privileges of an unprivileged user, so
+// that permissions apply even when the tests run as root. Returns the child's
+// exit code, or -1 when privileges cannot be dropped (the caller skips).
+int KVNRunUnprivileged(const std::function<int()> &fn);
+// Makes a path reachable for the unprivileged user (a temporary folder under
+// root's private /tmp may not be).
+void KVNOpenUpForUnprivileged(const QByteArray &path);

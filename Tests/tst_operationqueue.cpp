@@ -1,0 +1,632 @@
+// ctest-label: concurrency
+#include "KVNMainThread.h"
+#include "KVNOperationQueue.h"
+#include "KVNTinyLock.h"
+
+#include <QCoreApplication>
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <latch>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Turns a hang into a failure: a deadlock must not sit until CI's own timeout.
+class Watchdog {
+public:
+    Watchdog(std::chrono::seconds limit, QByteArray what)
+        : thread_([this, limit, what] {
+              std::unique_lock lock(mutex_);
+              if (!cv_.wait_for(lock, limit, [this] { return done_; }))
+                  qFatal("%s: still running after %lld s, presumed deadlocked", what.constData(),
+                         static_cast<long long>(limit.count()));
+          })
+    {
+    }
+    ~Watchdog()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            done_ = true;
+        }
+        cv_.notify_one();
+        thread_.join();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool done_ = false;
+    std::thread thread_; // last: it uses the members above
+};
+
+// A one-shot event that threads wait for.
+class Gate {
+public:
+    void open()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            open_ = true;
+        }
+        cv_.notify_all();
+    }
+    void wait()
+    {
+        std::unique_lock lock(mutex_);
+        cv_.wait(lock, [this] { return open_; });
+    }
+    bool waitFor(std::chrono::milliseconds limit)
+    {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, limit, [this] { return open_; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool open_ = false;
+};
+
+// Highest number of bodies seen running at once.
+struct ConcurrencyMeter {
+    std::atomic<int> active{0};
+    std::atomic<int> peak{0};
+    void enter()
+    {
+        const int now = ++active;
+        int seen = peak.load();
+        while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+        }
+    }
+    void leave() { --active; }
+};
+
+KVNOperationPtr op(std::function<void()> body)
+{
+    return KVNBlockOperation::make([body = std::move(body)](KVNBlockOperation &) { body(); });
+}
+
+// Runs its body until cancelled: cancel() is what releases it, no polling.
+class UntilCancelled : public KVNOperation {
+public:
+    Gate started;
+    std::atomic<bool> sawCancel{false};
+    void cancel() override
+    {
+        KVNOperation::cancel();
+        released_.open();
+    }
+
+protected:
+    void main() override
+    {
+        started.open();
+        released_.wait();
+        sawCancel = isCancelled();
+    }
+
+private:
+    Gate released_;
+};
+
+} // namespace
+
+class TestOperationQueue : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init() { watchdog_ = std::make_unique<Watchdog>(60s, QTest::currentTestFunction()); }
+    void cleanup() { watchdog_.reset(); }
+
+    // Dependencies, cancellation, failures
+    void dependenciesFinishFirst_data()
+    {
+        QTest::addColumn<int>("width");
+        QTest::newRow("one thread") << 1;
+        QTest::newRow("four threads") << 4;
+        QTest::newRow("sixteen threads") << 16;
+    }
+    void dependenciesFinishFirst()
+    {
+        QFETCH(int, width);
+        constexpr int count = 400;
+        std::mt19937 random(width);
+        std::vector<KVNOperationPtr> ops;
+        std::vector<char> ran(count, 0), cancelled(count, 0);
+        std::atomic<int> violations{0};
+        for (int i = 0; i < count; ++i) {
+            ops.push_back(op([&, i] {
+                for (const auto &dependency : ops[i]->dependencies())
+                    if (!dependency->isFinished())
+                        ++violations;
+                ran[i] = 1;
+            }));
+            for (int k = 0; i > 0 && k < 3; ++k)
+                ops[i]->addDependency(ops[random() % i]);
+            // Some are cancelled up front; their dependants must run all the same.
+            if (random() % 10 == 0) {
+                cancelled[i] = 1;
+                ops[i]->cancel();
+            }
+        }
+        // Dependants often reach the queue before their dependencies.
+        auto shuffled = ops;
+        std::shuffle(shuffled.begin(), shuffled.end(), random);
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(width);
+        queue.addOperations(shuffled);
+        queue.waitUntilAllOperationsAreFinished();
+
+        QCOMPARE(violations.load(), 0);
+        for (int i = 0; i < count; ++i) {
+            QVERIFY(ops[i]->isFinished());
+            QCOMPARE(bool(ran[i]), !cancelled[i]);
+        }
+        QCOMPARE(queue.operationCount(), std::size_t(0));
+        QCOMPARE(queue.finishedOperationTotal(), std::size_t(count));
+    }
+
+    void cancelledOperationSkipsBodyButReleasesDependants()
+    {
+        Gate started, release;
+        std::atomic<bool> ranCancelled{false}, dependantSawFinished{false}, runningSawCancel{false};
+        auto running = KVNBlockOperation::make([&](KVNBlockOperation &self) {
+            started.open();
+            release.wait();
+            runningSawCancel = self.isCancelled();
+        });
+        auto skipped = op([&] { ranCancelled = true; });
+        skipped->addDependency(running);
+        KVNOperationPtr dependant = op([&] { dependantSawFinished = skipped->isFinished(); });
+        dependant->addDependency(skipped);
+
+        KVNOperationQueue queue;
+        queue.addOperations({running, skipped, dependant});
+        started.wait();
+        QVERIFY(running->isExecuting());
+        QVERIFY(!skipped->isFinished());
+        skipped->cancel();
+        running->cancel(); // a running body only gets to see the flag
+        release.open();
+        queue.waitUntilAllOperationsAreFinished();
+
+        QVERIFY(runningSawCancel);
+        QVERIFY(!ranCancelled);
+        QVERIFY(skipped->isFinished());
+        QVERIFY(!skipped->isExecuting());
+        QVERIFY(dependantSawFinished);
+    }
+
+    void cancelAllReachesWaitingOperations()
+    {
+        auto blocker = std::make_shared<UntilCancelled>();
+        std::atomic<int> bodies{0};
+        std::vector<KVNOperationPtr> rest;
+        for (int i = 0; i < 5; ++i) // ready, but the only thread is busy
+            rest.push_back(op([&] { ++bodies; }));
+        for (int i = 0; i < 5; ++i) { // still waiting for a dependency
+            rest.push_back(op([&] { ++bodies; }));
+            rest.back()->addDependency(i == 0 ? KVNOperationPtr(blocker) : rest[rest.size() - 2]);
+        }
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
+        queue.addOperation(blocker);
+        blocker->started.wait();
+        queue.addOperations(rest);
+        queue.cancelAllOperations();
+        queue.waitUntilAllOperationsAreFinished();
+
+        QVERIFY(blocker->sawCancel);
+        QCOMPARE(bodies.load(), 0);
+        for (const auto &operation : rest)
+            QVERIFY(operation->isCancelled() && operation->isFinished());
+        // Cancelling is not a state of the queue: later work runs.
+        std::atomic<bool> later{false};
+        queue.addOperation(op([&] { later = true; }));
+        queue.waitUntilAllOperationsAreFinished();
+        QVERIFY(later);
+    }
+
+    void dependencyOnFinishedOperationDoesNotBlock()
+    {
+        KVNOperationQueue queue;
+        auto done = op([] {});
+        queue.addOperation(done);
+        queue.waitUntilAllOperationsAreFinished();
+        QVERIFY(done->isFinished());
+
+        std::atomic<int> ran{0};
+        auto pending = op([&] { ++ran; });
+        auto dependant = op([&] { ran = ran * 10 + 2; });
+        dependant->addDependency(done);
+        dependant->addDependency(pending);
+        QCOMPARE(dependant->dependencies().size(), std::size_t(2));
+        queue.addOperations({dependant, pending});
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(ran.load(), 12); // after the pending one, not stuck on the finished one
+    }
+
+    void throwingBodyFinishesAndWorkerSurvives()
+    {
+        QTest::ignoreMessage(QtWarningMsg, "Uncaught exception in operation: boom");
+        QTest::ignoreMessage(QtWarningMsg, "Uncaught exception in operation");
+        std::mutex mutex;
+        std::vector<std::thread::id> threads;
+        auto record = [&] {
+            std::lock_guard lock(mutex);
+            threads.push_back(std::this_thread::get_id());
+        };
+        auto throwsStd = op([&] { record(); throw std::runtime_error("boom"); });
+        auto throwsOther = op([&] { record(); throw 42; });
+        auto dependant = op(record);
+        dependant->addDependency(throwsStd);
+        dependant->addDependency(throwsOther);
+
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1); // one worker, which must outlive both throws
+        queue.addOperations({throwsStd, throwsOther, dependant, op(record)});
+        queue.waitUntilAllOperationsAreFinished();
+
+        QVERIFY(throwsStd->isFinished() && !throwsStd->isExecuting());
+        QVERIFY(throwsOther->isFinished());
+        QVERIFY(dependant->isFinished());
+        QCOMPARE(queue.finishedOperationTotal(), std::size_t(4));
+        QCOMPARE(threads.size(), std::size_t(4));
+        for (const auto &id : threads)
+            QCOMPARE(id, threads.front());
+    }
+
+    // Graphs that grow while they run
+    void stageQueuesChildrenAndBarrier()
+    {
+        constexpr int children = 1000;
+        KVNOperationQueue queue;
+        std::atomic<int> childrenRun{0}, barrierSaw{-1};
+        std::atomic<bool> finalAfterBarrier{false};
+        KVNOperationPtr barrier;
+        auto final = op([&] { finalAfterBarrier = barrier && barrier->isFinished(); });
+        auto stage = op([&] {
+            barrier = op([&] { barrierSaw = childrenRun.load(); });
+            std::vector<KVNOperationPtr> batch;
+            for (int i = 0; i < children; ++i) {
+                batch.push_back(op([&] { ++childrenRun; }));
+                barrier->addDependency(batch.back());
+            }
+            batch.push_back(barrier);
+            // The final step is queued already; it cannot be ready while this stage runs.
+            final->addDependency(barrier);
+            queue.addOperations(batch);
+        });
+        final->addDependency(stage);
+        queue.addOperations({stage, final});
+        queue.waitUntilAllOperationsAreFinished();
+
+        QCOMPARE(childrenRun.load(), children);
+        QCOMPARE(barrierSaw.load(), children);
+        QVERIFY(finalAfterBarrier);
+        QCOMPARE(queue.operationCount(), std::size_t(0));
+        QCOMPARE(queue.finishedOperationTotal(), std::size_t(children + 3));
+    }
+
+    void waitCoversOperationsAddedWhileWaiting()
+    {
+        constexpr int length = 300;
+        KVNOperationQueue queue;
+        std::atomic<int> links{0};
+        std::function<void()> link = [&] {
+            if (++links < length)
+                queue.addOperation(op(link));
+        };
+        // invokeAndWait() returns only once the main thread is inside the wait
+        // (it spins no event loop here), so the chain grows while it waits.
+        queue.addOperation(op([&] {
+            KVNMainThread::invokeAndWait([] {});
+            queue.addOperation(op(link));
+        }));
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(links.load(), length);
+        QCOMPARE(queue.operationCount(), std::size_t(0));
+    }
+
+    // Width
+    void defaultWidthIsCoreCount()
+    {
+        const int cores = int(std::thread::hardware_concurrency());
+        KVNOperationQueue queue;
+        QCOMPARE(queue.maxConcurrentOperationCount(), cores);
+        queue.setMaxConcurrentOperationCount(3);
+        QCOMPARE(queue.maxConcurrentOperationCount(), 3);
+        queue.setMaxConcurrentOperationCount(KVNOperationQueue::KVNOperationQueueDefaultMaxConcurrentOperationCount);
+        QCOMPARE(queue.maxConcurrentOperationCount(), cores);
+
+        // All cores at once: the latch opens only if every body runs together.
+        ConcurrencyMeter meter;
+        std::latch together(cores);
+        for (int i = 0; i < 3 * cores; ++i)
+            queue.addOperation(op([&, i] {
+                meter.enter();
+                if (i < cores)
+                    together.arrive_and_wait();
+                meter.leave();
+            }));
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(meter.peak.load(), cores);
+    }
+
+    void widthBoundsConcurrency_data()
+    {
+        QTest::addColumn<int>("width");
+        for (int width : {1, 2, 3, 8})
+            QTest::addRow("%d", width) << width;
+    }
+    void widthBoundsConcurrency()
+    {
+        QFETCH(int, width);
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(width);
+        ConcurrencyMeter meter;
+        std::latch together(width); // the first `width` bodies prove the bound is reached
+        for (int i = 0; i < 60; ++i)
+            queue.addOperation(op([&, i] {
+                meter.enter();
+                if (i < width)
+                    together.arrive_and_wait();
+                std::this_thread::sleep_for(1ms); // a chance for an extra worker to overlap
+                meter.leave();
+            }));
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(meter.peak.load(), width);
+    }
+
+    void loweredWidthBindsStartedThreads()
+    {
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(4);
+        std::latch warm(4); // leaves four threads behind
+        for (int i = 0; i < 4; ++i)
+            queue.addOperation(op([&] { warm.arrive_and_wait(); }));
+        queue.waitUntilAllOperationsAreFinished();
+
+        queue.setMaxConcurrentOperationCount(2);
+        ConcurrencyMeter meter;
+        Gate overLimit;
+        for (int i = 0; i < 4; ++i)
+            queue.addOperation(op([&] {
+                meter.enter();
+                if (meter.peak > 2)
+                    overLimit.open();
+                overLimit.waitFor(500ms); // holds the body so that a third one would overlap
+                meter.leave();
+            }));
+        queue.waitUntilAllOperationsAreFinished();
+        QEXPECT_FAIL("", "lowering the width does not bind the threads already started", Continue);
+        QVERIFY2(meter.peak <= 2, qPrintable(QString("peak %1 with width 2").arg(meter.peak.load())));
+    }
+
+    void raisedWidthStartsQueuedWork()
+    {
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
+        Gate secondStarted;
+        auto first = std::make_shared<UntilCancelled>();
+        queue.addOperation(first);
+        first->started.wait();
+        queue.addOperation(op([&] { secondStarted.open(); }));
+        queue.setMaxConcurrentOperationCount(2);
+        const bool overlapped = secondStarted.waitFor(2000ms);
+        first->cancel();
+        queue.waitUntilAllOperationsAreFinished();
+        QEXPECT_FAIL("", "raising the width starts no worker for work already queued", Continue);
+        QVERIFY(overlapped);
+    }
+
+    // Observation and lifetime
+    void countObserverSeesRiseAndReturnToZero()
+    {
+        std::mutex mutex;
+        std::vector<std::pair<std::size_t, std::size_t>> seen; // (new, old)
+        auto gate = std::make_shared<UntilCancelled>();
+        {
+            KVNOperationQueue queue;
+            queue.setOperationCountObserver([&](std::size_t now, std::size_t old) {
+                std::lock_guard lock(mutex);
+                seen.emplace_back(now, old);
+            });
+            queue.addOperation(gate);
+            for (int i = 0; i < 9; ++i) {
+                auto operation = op([] {});
+                operation->addDependency(gate);
+                queue.addOperation(operation);
+            }
+            QCOMPARE(queue.operationCount(), std::size_t(10));
+            gate->cancel();
+            queue.waitUntilAllOperationsAreFinished();
+        } // the workers are joined: every notification has been made
+
+        QVERIFY(seen.size() >= 11);
+        for (std::size_t i = 0; i < 10; ++i)
+            QCOMPARE(seen[i], std::make_pair(i + 1, i));
+        for (std::size_t i = 10; i < seen.size(); ++i) {
+            QCOMPARE(seen[i].second, seen[i - 1].first); // no change skipped or reordered
+            QVERIFY(seen[i].first < seen[i].second);
+        }
+        QCOMPARE(seen.back().first, std::size_t(0));
+    }
+
+    void destructionCancelsAndWaits()
+    {
+        auto running = std::make_shared<UntilCancelled>();
+        std::atomic<int> bodies{0};
+        std::vector<KVNOperationPtr> pending;
+        for (int i = 0; i < 6; ++i) {
+            pending.push_back(op([&] { ++bodies; }));
+            if (i % 2)
+                pending.back()->addDependency(running);
+        }
+        auto queue = std::make_unique<KVNOperationQueue>();
+        queue->setMaxConcurrentOperationCount(1);
+        queue->addOperation(running);
+        running->started.wait();
+        queue->addOperations(pending);
+        queue.reset();
+
+        QVERIFY(running->sawCancel); // the running body ended before the destructor returned
+        QVERIFY(running->isFinished());
+        QCOMPARE(bodies.load(), 0);
+        for (const auto &operation : pending)
+            QVERIFY(operation->isFinished());
+    }
+
+    // Main thread
+    void postRunsLaterOnMainThreadInOrder()
+    {
+        std::vector<int> order;
+        bool allOnMain = true;
+        auto note = [&](int value) {
+            allOnMain = allOnMain && KVNMainThread::isMainThread();
+            order.push_back(value);
+        };
+        KVNMainThread::post([&] {
+            note(0);
+            KVNMainThread::post([&] { note(3); }); // behind what was posted before
+        });
+        KVNMainThread::post([&] { note(1); });
+        KVNMainThread::post([&] { note(2); });
+        QVERIFY(order.empty()); // never run inside post(), not even on the main thread
+        QTRY_COMPARE(order.size(), std::size_t(4));
+        QCOMPARE(order, (std::vector<int>{0, 1, 2, 3}));
+
+        order.clear();
+        std::thread worker([&] {
+            for (int i = 0; i < 200; ++i)
+                KVNMainThread::post([&, i] { note(i); });
+        });
+        worker.join();
+        QTRY_COMPARE(order.size(), std::size_t(200));
+        for (int i = 0; i < 200; ++i)
+            QCOMPARE(order[i], i);
+        QVERIFY(allOnMain);
+    }
+
+    void postWithReceiverDropsAfterReceiverDies()
+    {
+        auto *alive = new QObject;
+        auto *doomed = new QObject;
+        bool ranDoomed = false, ranAlive = false, aliveOnMain = false, sentinel = false;
+        KVNMainThread::post(doomed, [&] { ranDoomed = true; });
+        std::thread worker([&] {
+            KVNMainThread::post(doomed, [&] { ranDoomed = true; });
+            KVNMainThread::post(alive, [&] {
+                ranAlive = true;
+                aliveOnMain = KVNMainThread::isMainThread();
+            });
+        });
+        worker.join();
+        delete doomed;
+        KVNMainThread::post([&] { sentinel = true; }); // runs after anything posted before it
+        QTRY_VERIFY(sentinel);
+        QVERIFY(ranAlive && aliveOnMain);
+        QVERIFY(!ranDoomed);
+        delete alive;
+    }
+
+    void invokeAndWaitRunsOnMainThread()
+    {
+        bool inline_ = false;
+        KVNMainThread::invokeAndWait([&] { inline_ = true; });
+        QVERIFY(inline_); // on the main thread it runs at once
+
+        int value = 0; // plain: the return must order the worker after the call
+        bool onMain = false;
+        std::atomic<int> seenByWorker{-1};
+        std::thread worker([&] {
+            KVNMainThread::invokeAndWait([&] {
+                onMain = KVNMainThread::isMainThread();
+                value = 42;
+            });
+            seenByWorker = value;
+        });
+        QTRY_COMPARE(seenByWorker.load(), 42); // the event loop serves the call
+        worker.join();
+        QVERIFY(onMain);
+    }
+
+    void waitServesInvokeAndWait()
+    {
+        // The main thread blocks in the wait, spinning no event loop, while the
+        // operations it waits for need it; only the wait itself can serve them.
+        constexpr int iterations = 200, perIteration = 6;
+        int served = 0; // touched on the main thread only
+        bool allOnMain = true;
+        for (int round = 0; round < iterations; ++round) {
+            KVNOperationQueue queue;
+            queue.setMaxConcurrentOperationCount(4);
+            std::vector<KVNOperationPtr> ops;
+            for (int i = 0; i < perIteration; ++i) {
+                ops.push_back(op([&] {
+                    KVNMainThread::invokeAndWait([&] {
+                        allOnMain = allOnMain && KVNMainThread::isMainThread();
+                        ++served;
+                    });
+                }));
+                if (i >= 3)
+                    ops.back()->addDependency(ops[i - 3]);
+            }
+            queue.addOperations(ops);
+            queue.waitUntilAllOperationsAreFinished();
+            QCOMPARE(served, (round + 1) * perIteration);
+        }
+        QVERIFY(allOnMain);
+    }
+
+    // KVNTinyLock
+    void tinyLockExcludes()
+    {
+        constexpr int threads = 4, perThread = 250000;
+        KVNTinyLock lock;
+        long counter = 0; // plain on purpose: only the lock protects it
+        std::latch start(threads);
+        std::vector<std::thread> workers;
+        for (int t = 0; t < threads; ++t)
+            workers.emplace_back([&] {
+                start.arrive_and_wait();
+                for (int i = 0; i < perThread; ++i) {
+                    std::lock_guard guard(lock);
+                    ++counter;
+                }
+            });
+        for (auto &worker : workers)
+            worker.join();
+        QCOMPARE(counter, long(threads) * perThread);
+
+        lock.lock();
+        bool taken = true;
+        std::thread([&] { taken = lock.try_lock(); }).join();
+        QVERIFY(!taken);
+        lock.unlock();
+        std::thread([&] {
+            taken = lock.try_lock();
+            if (taken)
+                lock.unlock();
+        }).join();
+        QVERIFY(taken);
+    }
+
+private:
+    std::unique_ptr<Watchdog> watchdog_;
+};
+
+QTEST_GUILESS_MAIN(TestOperationQueue)
+#include "tst_operationqueue.moc"
