@@ -1,0 +1,135 @@
+#pragma once
+
+#include "KVNFileNode.h"
+#include "KVNFinalOperation.h"
+#include "KVNMainThread.h"
+#include "KVNRefreshTableOperation.h"
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+// Records what a status refresh tells its delegate. The calls arrive on the
+// operation's thread, so everything is kept under a lock.
+class KVNRefreshProbe : public KVNRefreshTableOperationDelegate {
+public:
+    // Runs on the operation's thread at each reported step, with its number.
+    std::function<void(KVNRefreshTableOperation *, std::size_t step)> onStep;
+
+    void incrementalRefreshStep(KVNRefreshTableOperation *operation, const KVNDirDiffTableElementPtr &row) override
+    {
+        std::size_t step;
+        {
+            std::lock_guard guard(mutex_);
+            steps_.push_back(row);
+            step = steps_.size() - 1;
+            offMainThread_ = offMainThread_ && !KVNMainThread::isMainThread();
+        }
+        if (onStep)
+            onStep(operation, step);
+    }
+    void refreshComplete(KVNRefreshTableOperation *) override
+    {
+        std::lock_guard guard(mutex_);
+        ++completed_;
+        offMainThread_ = offMainThread_ && !KVNMainThread::isMainThread();
+    }
+
+    std::vector<KVNDirDiffTableElementPtr> steps() const
+    {
+        std::lock_guard guard(mutex_);
+        return steps_;
+    }
+    int completed() const
+    {
+        std::lock_guard guard(mutex_);
+        return completed_;
+    }
+    bool calledOffMainThread() const
+    {
+        std::lock_guard guard(mutex_);
+        return offMainThread_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<KVNDirDiffTableElementPtr> steps_;
+    int completed_ = 0;
+    bool offMainThread_ = true;
+};
+
+// Stands in for the document as the final delegate of a run, so that a test
+// can look at the rows after the recompare and before any status refresh.
+class KVNFinalProbe : public KVNFinalOperationDelegate {
+public:
+    void completedFinalOperation(KVNFinalOperation *) override
+    {
+        onMainThread_ = onMainThread_ && KVNMainThread::isMainThread();
+        ++completed_;
+    }
+    int completed() const { return completed_; }
+    bool calledOnMainThread() const { return onMainThread_; }
+
+private:
+    std::atomic<int> completed_{0};
+    std::atomic<bool> onMainThread_{true};
+};
+
+// Logs every result a watched node is given, in order, whichever thread sets it.
+class KVNResultRecorder : public KVNNodeObserver, public std::enable_shared_from_this<KVNResultRecorder> {
+public:
+    static std::shared_ptr<KVNResultRecorder> make() { return std::make_shared<KVNResultRecorder>(); }
+    ~KVNResultRecorder() override
+    {
+        for (const auto &node : watched_)
+            node->removeObserver(this);
+    }
+
+    void watch(const KVNFileNodePtr &node)
+    {
+        if (!node)
+            return;
+        watched_.push_back(node);
+        node->addObserver(weak_from_this());
+    }
+    // Both nodes of a row, as they are now.
+    void watchRow(const KVNDirDiffTableElementPtr &row)
+    {
+        watch(row->leftNode());
+        watch(row->rightNode());
+    }
+
+    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override
+    {
+        if (key != KVNNodeKey::DiffResult)
+            return;
+        std::lock_guard guard(mutex_);
+        log_[&node].push_back(node.diffResult());
+    }
+
+    std::vector<int32_t> results(const KVNFileNodePtr &node) const
+    {
+        std::lock_guard guard(mutex_);
+        auto it = log_.find(node.get());
+        return it == log_.end() ? std::vector<int32_t>() : it->second;
+    }
+    bool sawReset(const KVNFileNodePtr &node) const
+    {
+        const auto seen = results(node);
+        return std::find(seen.begin(), seen.end(), int32_t(KVNDiffResultUnknown)) != seen.end();
+    }
+    void clear()
+    {
+        std::lock_guard guard(mutex_);
+        log_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<KVNFileNodePtr> watched_; // main thread only
+    std::map<const KVNFileNode *, std::vector<int32_t>> log_;
+};
