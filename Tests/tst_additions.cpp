@@ -13,10 +13,9 @@
 #include <QThread>
 #include <QtTest>
 
-#include <atomic>
 #include <csignal>
-#include <dirent.h>
 #include <cstdlib>
+#include <dirent.h>
 #include <execinfo.h>
 #include <fcntl.h>
 #include <mutex>

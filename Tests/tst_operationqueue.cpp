@@ -29,17 +29,15 @@ public:
         : thread_([this, limit, what] {
               std::unique_lock lock(mutex_);
               if (!cv_.wait_for(lock, limit, [this] { return done_; }))
-                  qFatal("%s: still running after %lld s, presumed deadlocked", what.constData(),
-                         static_cast<long long>(limit.count()));
+                  qFatal("%s: no progress in %lld s, presumed deadlocked", what.constData(), (long long)limit.count());
           })
     {
     }
     ~Watchdog()
     {
-        {
-            std::lock_guard lock(mutex_);
-            done_ = true;
-        }
+        std::unique_lock lock(mutex_);
+        done_ = true;
+        lock.unlock();
         cv_.notify_one();
         thread_.join();
     }
@@ -56,17 +54,12 @@ class Gate {
 public:
     void open()
     {
-        {
-            std::lock_guard lock(mutex_);
-            open_ = true;
-        }
+        std::unique_lock lock(mutex_);
+        open_ = true;
+        lock.unlock();
         cv_.notify_all();
     }
-    void wait()
-    {
-        std::unique_lock lock(mutex_);
-        cv_.wait(lock, [this] { return open_; });
-    }
+    void wait() { waitFor(std::chrono::hours(1)); }
     bool waitFor(std::chrono::milliseconds limit)
     {
         std::unique_lock lock(mutex_);
@@ -81,13 +74,11 @@ private:
 
 // Highest number of bodies seen running at once.
 struct ConcurrencyMeter {
-    std::atomic<int> active{0};
-    std::atomic<int> peak{0};
+    std::atomic<int> active{0}, peak{0};
     void enter()
     {
         const int now = ++active;
-        int seen = peak.load();
-        while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+        for (int seen = peak; now > seen && !peak.compare_exchange_weak(seen, now);) {
         }
     }
     void leave() { --active; }
@@ -98,27 +89,35 @@ KVNOperationPtr op(std::function<void()> body)
     return KVNBlockOperation::make([body = std::move(body)](KVNBlockOperation &) { body(); });
 }
 
-// Runs its body until cancelled: cancel() is what releases it, no polling.
-class UntilCancelled : public KVNOperation {
+// Its cancel() counts down a latch shared by a group of probes. A holding probe's
+// body waits until the whole group has been cancelled, whatever the order.
+class Probe : public KVNOperation {
 public:
+    Probe(std::latch &group, bool holds) : group_(group), holds_(holds) {}
     Gate started;
-    std::atomic<bool> sawCancel{false};
+    std::atomic<bool> ranBody{false}, sawCancel{false};
     void cancel() override
     {
         KVNOperation::cancel();
-        released_.open();
+        if (!counted_.exchange(true))
+            group_.count_down();
     }
 
 protected:
     void main() override
     {
+        ranBody = true;
         started.open();
-        released_.wait();
-        sawCancel = isCancelled();
+        if (holds_) {
+            group_.wait();
+            sawCancel = isCancelled();
+        }
     }
 
 private:
-    Gate released_;
+    std::latch &group_;
+    const bool holds_;
+    std::atomic<bool> counted_{false};
 };
 
 } // namespace
@@ -211,32 +210,65 @@ private slots:
 
     void cancelAllReachesWaitingOperations()
     {
-        auto blocker = std::make_shared<UntilCancelled>();
-        std::atomic<int> bodies{0};
-        std::vector<KVNOperationPtr> rest;
-        for (int i = 0; i < 5; ++i) // ready, but the only thread is busy
-            rest.push_back(op([&] { ++bodies; }));
-        for (int i = 0; i < 5; ++i) { // still waiting for a dependency
-            rest.push_back(op([&] { ++bodies; }));
-            rest.back()->addDependency(i == 0 ? KVNOperationPtr(blocker) : rest[rest.size() - 2]);
+        std::latch group(11);
+        auto holder = std::make_shared<Probe>(group, true);
+        std::vector<std::shared_ptr<Probe>> rest;
+        for (int i = 0; i < 10; ++i) {
+            rest.push_back(std::make_shared<Probe>(group, false));
+            if (i >= 5) // still waiting for a dependency; the others are ready behind the busy thread
+                rest.back()->addDependency(i == 5 ? holder : rest[i - 1]);
         }
         KVNOperationQueue queue;
         queue.setMaxConcurrentOperationCount(1);
-        queue.addOperation(blocker);
-        blocker->started.wait();
-        queue.addOperations(rest);
-        queue.cancelAllOperations();
+        queue.addOperation(holder);
+        holder->started.wait();
+        queue.addOperations({rest.begin(), rest.end()});
+        queue.cancelAllOperations(); // the holder returns once all eleven are reached
         queue.waitUntilAllOperationsAreFinished();
 
-        QVERIFY(blocker->sawCancel);
-        QCOMPARE(bodies.load(), 0);
-        for (const auto &operation : rest)
-            QVERIFY(operation->isCancelled() && operation->isFinished());
+        QVERIFY(holder->sawCancel);
+        for (const auto &probe : rest)
+            QVERIFY(probe->isCancelled() && probe->isFinished() && !probe->ranBody);
         // Cancelling is not a state of the queue: later work runs.
         std::atomic<bool> later{false};
         queue.addOperation(op([&] { later = true; }));
         queue.waitUntilAllOperationsAreFinished();
         QVERIFY(later);
+    }
+
+    void cancelAllStopsQueuedWorkAtOnce()
+    {
+        // The canceller may be preempted right after the running operation has
+        // seen its flag; its worker must not then start work queued behind it.
+        struct Releasing : KVNOperation {
+            Gate started, released, otherStarted;
+            void cancel() override
+            {
+                KVNOperation::cancel();
+                released.open();
+                otherStarted.waitFor(500ms);
+            }
+            void main() override
+            {
+                started.open();
+                released.wait();
+            }
+        };
+        auto running = std::make_shared<Releasing>();
+        std::atomic<int> bodies{0};
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
+        queue.addOperation(running);
+        running->started.wait();
+        for (int i = 0; i < 3; ++i)
+            queue.addOperation(op([&] {
+                ++bodies;
+                running->otherStarted.open();
+            }));
+        queue.cancelAllOperations();
+        queue.waitUntilAllOperationsAreFinished();
+        QEXPECT_FAIL("", "cancelAllOperations() cancels one by one; released work overtakes it", Continue);
+        QCOMPARE(bodies.load(), 0);
     }
 
     void dependencyOnFinishedOperationDoesNotBlock()
@@ -419,8 +451,9 @@ private slots:
     {
         KVNOperationQueue queue;
         queue.setMaxConcurrentOperationCount(1);
+        std::latch group(1);
+        auto first = std::make_shared<Probe>(group, true);
         Gate secondStarted;
-        auto first = std::make_shared<UntilCancelled>();
         queue.addOperation(first);
         first->started.wait();
         queue.addOperation(op([&] { secondStarted.open(); }));
@@ -437,7 +470,8 @@ private slots:
     {
         std::mutex mutex;
         std::vector<std::pair<std::size_t, std::size_t>> seen; // (new, old)
-        auto gate = std::make_shared<UntilCancelled>();
+        std::latch group(1);
+        auto gate = std::make_shared<Probe>(group, true);
         {
             KVNOperationQueue queue;
             queue.setOperationCountObserver([&](std::size_t now, std::size_t old) {
@@ -467,11 +501,11 @@ private slots:
 
     void destructionCancelsAndWaits()
     {
-        auto running = std::make_shared<UntilCancelled>();
-        std::atomic<int> bodies{0};
-        std::vector<KVNOperationPtr> pending;
+        std::latch group(7);
+        auto running = std::make_shared<Probe>(group, true);
+        std::vector<std::shared_ptr<Probe>> pending;
         for (int i = 0; i < 6; ++i) {
-            pending.push_back(op([&] { ++bodies; }));
+            pending.push_back(std::make_shared<Probe>(group, false));
             if (i % 2)
                 pending.back()->addDependency(running);
         }
@@ -479,14 +513,13 @@ private slots:
         queue->setMaxConcurrentOperationCount(1);
         queue->addOperation(running);
         running->started.wait();
-        queue->addOperations(pending);
+        queue->addOperations({pending.begin(), pending.end()});
         queue.reset();
 
-        QVERIFY(running->sawCancel); // the running body ended before the destructor returned
+        QVERIFY(running->sawCancel); // its body ended before the destructor returned
         QVERIFY(running->isFinished());
-        QCOMPARE(bodies.load(), 0);
-        for (const auto &operation : pending)
-            QVERIFY(operation->isFinished());
+        for (const auto &probe : pending)
+            QVERIFY(probe->isFinished() && !probe->ranBody);
     }
 
     // Main thread

@@ -99,9 +99,12 @@ bool isPermissionError(int error)
     return error == EACCES || error == EPERM;
 }
 
-// Measured on a warm cache (see the report with this change): plain statx wins,
-// because the kernel always hands io_uring's statx to a worker thread and the
-// hand-off costs more than the call itself when the inode is cached.
+// Plain statx is the default because it measured faster with a warm cache
+// (kernel 6.18, 2 cores): 1.9 against 2.1 us per entry in one directory of
+// 10,000 files, 2.2-2.7 against 3.2-6.3 us in a tree of 12,000 entries, and
+// further behind with two scans at once. The kernel hands every io_uring statx
+// to a worker thread, and when the inode is cached the hand-off costs more
+// than the call it saves.
 bool ioUringByDefault()
 {
     bool ok = false;

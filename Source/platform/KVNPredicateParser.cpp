@@ -5,9 +5,9 @@
 #include <limits>
 #include <string>
 
-// Text to predicate: a lexer that reads one token ahead, and a recursive
-// descent parser whose depth is bounded, so that hostile text gives an error
-// instead of a stack overflow.
+// Text to predicate: a lexer that reads one token ahead, and a parser that
+// keeps its nesting on an explicit stack, so that hostile text gives an error
+// instead of a stack overflow. The grammar, NOT binding tightest:
 //
 //   or      := and (("OR" | "||") and)*
 //   and     := not (("AND" | "&&") not)*
@@ -80,6 +80,21 @@ int hexValue(QChar c)
         return u - u'A' + 10;
     return -1;
 }
+
+// GCC 12 with the sanitizers misreads the variant move inside KVNValue as a
+// read of an uninitialised QString; the value is an integer or a double.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+[[gnu::noinline]] KVNValue integerValue(int64_t value)
+{
+    return KVNValue::fromInteger(value);
+}
+
+[[gnu::noinline]] KVNValue realValue(double value)
+{
+    return KVNValue::fromDouble(value);
+}
+#pragma GCC diagnostic pop
 
 bool isDigit(QChar c)
 {
@@ -330,7 +345,7 @@ private:
             if (overflow || magnitude > limit)
                 throw ParseFailure{QStringLiteral("hexadecimal number out of range"), start};
             token = make(TokenType::Number, start, i - start);
-            token.value = KVNValue::fromInteger(negative ? int64_t(0 - magnitude) : int64_t(magnitude));
+            token.value = integerValue(negative ? int64_t(0 - magnitude) : int64_t(magnitude));
         } else {
             bool real = false;
             while (i < size_ && isDigit(text_[i]))
@@ -369,7 +384,7 @@ private:
             int64_t integer = 0;
             const auto result = std::from_chars(first, last, integer);
             if (result.ec == std::errc() && result.ptr == last)
-                return KVNValue::fromInteger(integer);
+                return integerValue(integer);
         }
         double value = 0;
         const auto result = std::from_chars(first, last, value);
@@ -379,7 +394,7 @@ private:
             if (digits.startsWith('-'))
                 value = -value;
         }
-        return KVNValue::fromDouble(value);
+        return realValue(value);
     }
 
     // The power of ten of the first significant digit of a literal.
@@ -422,13 +437,7 @@ public:
     {
         if (lexer_.peek().type == TokenType::End)
             throw ParseFailure{QStringLiteral("empty predicate"), lexer_.size()};
-        KVNPredicatePtr predicate = parseOr(0);
-        const Token &rest = lexer_.peek();
-        if (rest.type == TokenType::RParen)
-            throw ParseFailure{QStringLiteral("unbalanced ')': no '(' is open"), rest.position};
-        if (rest.type != TokenType::End)
-            throw ParseFailure{QStringLiteral("unexpected %1 after a complete predicate").arg(lexer_.quote(rest)),
-                               rest.position};
+        KVNPredicatePtr predicate = parsePredicate();
         if (nextArgument_ < arguments_.size())
             throw ParseFailure{QStringLiteral("%1 arguments given but the format uses %2")
                                    .arg(arguments_.size())
@@ -444,40 +453,92 @@ private:
             && token.text.compare(QLatin1String(word), Qt::CaseInsensitive) == 0;
     }
 
-    KVNPredicatePtr parseOr(int depth)
-    {
-        std::vector<KVNPredicatePtr> terms{parseAnd(depth)};
-        while (lexer_.peek().type == TokenType::OrOr || isKeyword(lexer_.peek(), "OR")) {
-            lexer_.next();
-            terms.push_back(parseAnd(depth));
-        }
-        return KVNPredicate::orPredicateWithSubpredicates(terms);
-    }
+    // One open parenthesis (or the whole text): the OR terms so far, the AND
+    // terms of the current OR term, and the NOTs waiting for the next operand.
+    struct Group {
+        int openPosition = -1;
+        int pendingNots = 0;
+        std::vector<KVNPredicatePtr> orTerms;
+        std::vector<KVNPredicatePtr> andTerms;
 
-    KVNPredicatePtr parseAnd(int depth)
-    {
-        std::vector<KVNPredicatePtr> terms{parseNot(depth)};
-        while (lexer_.peek().type == TokenType::AndAnd || isKeyword(lexer_.peek(), "AND")) {
-            lexer_.next();
-            terms.push_back(parseNot(depth));
+        void endOrTerm()
+        {
+            orTerms.push_back(KVNPredicate::andPredicateWithSubpredicates(andTerms));
+            andTerms.clear();
         }
-        return KVNPredicate::andPredicateWithSubpredicates(terms);
-    }
+        KVNPredicatePtr finish()
+        {
+            endOrTerm();
+            return KVNPredicate::orPredicateWithSubpredicates(orTerms);
+        }
+    };
 
-    // Runs of NOT are counted rather than recursed into; each still counts
-    // as a level of nesting.
-    KVNPredicatePtr parseNot(int depth)
+    // Groups live on an explicit stack rather than the call stack, so hostile
+    // nesting costs heap, not stack; depth counts open parentheses plus
+    // waiting NOTs and is bounded so that the tree stays shallow enough to
+    // render and evaluate.
+    KVNPredicatePtr parsePredicate()
     {
-        int count = 0;
-        while (lexer_.peek().type == TokenType::Bang || isKeyword(lexer_.peek(), "NOT")) {
-            const Token token = lexer_.next();
-            if (depth + ++count > KVNPredicate::maxNestingDepth())
-                throw tooDeep(token.position);
+        std::vector<Group> groups(1);
+        int depth = 0;
+        while (true) {
+            const Token &token = lexer_.peek();
+            if (token.type == TokenType::Bang || isKeyword(token, "NOT")) {
+                const int position = token.position;
+                lexer_.next();
+                if (++depth > KVNPredicate::maxNestingDepth())
+                    throw tooDeep(position);
+                ++groups.back().pendingNots;
+                continue;
+            }
+            if (token.type == TokenType::LParen) {
+                const int position = token.position;
+                lexer_.next();
+                if (++depth > KVNPredicate::maxNestingDepth())
+                    throw tooDeep(position);
+                groups.emplace_back().openPosition = position;
+                continue;
+            }
+            KVNPredicatePtr operand = parseSimplePredicate();
+            // A closed group is an operand of the one around it, so keep closing.
+            while (true) {
+                Group &group = groups.back();
+                depth -= group.pendingNots;
+                for (; group.pendingNots > 0; --group.pendingNots)
+                    operand = KVNPredicate::notPredicateWithSubpredicate(operand);
+                group.andTerms.push_back(std::move(operand));
+
+                const Token &after = lexer_.peek();
+                if (after.type == TokenType::AndAnd || isKeyword(after, "AND")) {
+                    lexer_.next();
+                    break;
+                }
+                if (after.type == TokenType::OrOr || isKeyword(after, "OR")) {
+                    lexer_.next();
+                    group.endOrTerm();
+                    break;
+                }
+                if (after.type == TokenType::RParen) {
+                    if (groups.size() == 1)
+                        throw ParseFailure{QStringLiteral("unbalanced ')': no '(' is open"), after.position};
+                    lexer_.next();
+                    operand = group.finish();
+                    groups.pop_back();
+                    --depth;
+                    continue;
+                }
+                if (groups.size() > 1)
+                    throw ParseFailure{QStringLiteral("expected ')' to close the '(' at %1, found %2")
+                                           .arg(group.openPosition)
+                                           .arg(lexer_.quote(after)),
+                                       after.position};
+                if (after.type != TokenType::End)
+                    throw ParseFailure{
+                        QStringLiteral("unexpected %1 after a complete predicate").arg(lexer_.quote(after)),
+                        after.position};
+                return group.finish();
+            }
         }
-        KVNPredicatePtr predicate = parsePrimary(depth + count);
-        while (count-- > 0)
-            predicate = KVNPredicate::notPredicateWithSubpredicate(predicate);
-        return predicate;
     }
 
     ParseFailure tooDeep(int position) const
@@ -486,23 +547,9 @@ private:
             QStringLiteral("nesting deeper than %1 levels").arg(KVNPredicate::maxNestingDepth()), position};
     }
 
-    KVNPredicatePtr parsePrimary(int depth)
+    KVNPredicatePtr parseSimplePredicate()
     {
         const Token &token = lexer_.peek();
-        if (token.type == TokenType::LParen) {
-            const Token open = lexer_.next();
-            if (depth + 1 > KVNPredicate::maxNestingDepth())
-                throw tooDeep(open.position);
-            KVNPredicatePtr inner = parseOr(depth + 1);
-            const Token &close = lexer_.peek();
-            if (close.type != TokenType::RParen)
-                throw ParseFailure{QStringLiteral("expected ')' to close the '(' at %1, found %2")
-                                       .arg(open.position)
-                                       .arg(lexer_.quote(close)),
-                                   close.position};
-            lexer_.next();
-            return inner;
-        }
         if (isKeyword(token, "TRUEPREDICATE")) {
             lexer_.next();
             return KVNPredicate::truePredicate();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KVNDirDiffTableElement.h"
 #include "KVNFileNode.h"
 #include "KVNFinalOperation.h"
 #include "KVNMainThread.h"
@@ -133,3 +134,15 @@ private:
     std::vector<KVNFileNodePtr> watched_; // main thread only
     std::map<const KVNFileNode *, std::vector<int32_t>> log_;
 };
+
+// Both sides of a row as "left right", with "-" for a missing side: one string,
+// so that a failed comparison shows the whole row.
+inline QString KVNRowResults(const KVNDirDiffTableElementPtr &row)
+{
+    if (!row)
+        return QStringLiteral("no row");
+    auto side = [](const KVNFileNodePtr &node) {
+        return node ? QString::number(node->diffResult()) : QStringLiteral("-");
+    };
+    return side(row->leftNode()) + QLatin1Char(' ') + side(row->rightNode());
+}

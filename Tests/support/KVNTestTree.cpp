@@ -18,6 +18,12 @@ KVNTestTree::KVNTestTree() : dir_(std::make_unique<QTemporaryDir>())
     QVERIFY2(dir_->isValid(), "temporary directory");
 }
 
+KVNTestTree::KVNTestTree(const QString &parentDirectory)
+    : dir_(std::make_unique<QTemporaryDir>(parentDirectory + QStringLiteral("/korvane-XXXXXX")))
+{
+    QVERIFY2(dir_->isValid(), "temporary directory");
+}
+
 static void removeTree(const QByteArray &path)
 {
     struct stat info;
@@ -54,11 +60,19 @@ QByteArray KVNTestTree::path(const QByteArray &relative) const
     return relative.isEmpty() ? root() : root() + '/' + relative;
 }
 
-static void makeParents(const QByteArray &path)
+void KVNTestTree::makeParents(const QByteArray &path)
 {
     const qsizetype slash = path.lastIndexOf('/');
-    if (slash > 0)
-        QDir().mkpath(QFile::decodeName(path.left(slash)));
+    if (slash <= 0)
+        return;
+    const QByteArray parent = path.left(slash);
+    if (madeDirectories_.contains(parent))
+        return;
+    // Byte by byte: names need not be text.
+    for (qsizetype at = root().size() + 1; at <= parent.size(); ++at)
+        if (at == parent.size() || parent[at] == '/')
+            ::mkdir(parent.left(at).constData(), 0755);
+    madeDirectories_.insert(parent);
 }
 
 void KVNTestTree::file(const QByteArray &relative, const QByteArray &contents, int64_t mtimeSeconds)
@@ -80,7 +94,7 @@ void KVNTestTree::file(const QByteArray &relative, const QByteArray &contents, i
 
 void KVNTestTree::dir(const QByteArray &relative)
 {
-    QVERIFY(QDir().mkpath(QFile::decodeName(path(relative))));
+    makeParents(path(relative) + "/x");
 }
 
 void KVNTestTree::symlink(const QByteArray &relative, const QByteArray &target, int64_t mtimeSeconds)

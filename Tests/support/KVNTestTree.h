@@ -4,6 +4,7 @@
 #include "KVNDirDiffTableElement.h"
 
 #include <QByteArray>
+#include <QSet>
 #include <QTemporaryDir>
 
 #include <map>
@@ -13,6 +14,8 @@
 class KVNTestTree {
 public:
     KVNTestTree();
+    // In a folder of the caller's choice, for example memory-backed for a large tree.
+    explicit KVNTestTree(const QString &parentDirectory);
     ~KVNTestTree(); // removes the tree byte by byte: names need not be text
     QByteArray root() const; // absolute path, as bytes
     QByteArray path(const QByteArray &relative) const;
@@ -26,7 +29,10 @@ public:
     void rename(const QByteArray &from, const QByteArray &to);
 
 private:
+    void makeParents(const QByteArray &fullPath);
+
     std::unique_ptr<QTemporaryDir> dir_;
+    QSet<QByteArray> madeDirectories_;
 };
 
 // A finished comparison, with the rows by their display path ("./a/b").
