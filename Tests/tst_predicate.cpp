@@ -18,10 +18,22 @@ namespace {
 using Operator = KVNComparisonPredicate::Operator;
 using Values = QList<KVNValue>;
 
-KVNValue S(const QString &v) { return KVNValue::fromString(v); }
-KVNValue I(int64_t v) { return KVNValue::fromInteger(v); }
-KVNValue D(double v) { return KVNValue::fromDouble(v); }
-KVNValue B(bool v) { return KVNValue::fromBool(v); }
+KVNValue S(const QString &v)
+{
+    return KVNValue::fromString(v);
+}
+KVNValue I(int64_t v)
+{
+    return KVNValue::fromInteger(v);
+}
+KVNValue D(double v)
+{
+    return KVNValue::fromDouble(v);
+}
+KVNValue B(bool v)
+{
+    return KVNValue::fromBool(v);
+}
 
 std::shared_ptr<KVNTestObject> innerNode()
 {
@@ -93,17 +105,32 @@ public:
     QString key()
     {
         static const char *const keys[] = {
-            "name", "diffResult", "spotlightItemFSName", "depthHint", "_x1", "a$b", "like", "AND", "self", "In",
-            "nil", "date", "größe", "名前", "e\xCC\x81tat", "\xF0\x9D\x90\x80" "bc",
+            "name",
+            "diffResult",
+            "spotlightItemFSName",
+            "depthHint",
+            "_x1",
+            "a$b",
+            "like",
+            "AND",
+            "self",
+            "In",
+            "nil",
+            "date",
+            "größe",
+            "名前",
+            "e\xCC\x81tat",
+            "\xF0\x9D\x90\x80"
+            "bc",
         };
         return QString::fromUtf8(keys[below(int(std::size(keys)))]);
     }
 
     QString text()
     {
-        static const char16_t pool[] = {u'a', u'Z', u' ', u'"', u'\'', u'\\', u'%', u'*', u'?', u'\n', u'\t',
-                                        u'\r', 0x01,  0x7F, 0x85,  u'é',  u'É',  0x301, 0x2028, 0xD800, 0xDC00,
-                                        u'名', u'.'};
+        static const char16_t pool[] = {u'a', u'Z',  u' ',   u'"',   u'\'',  u'\\', u'%', u'*',
+                                        u'?', u'\n', u'\t',  u'\r',  0x01,   0x7F,  0x85, u'é',
+                                        u'É', 0x301, 0x2028, 0xD800, 0xDC00, u'名', u'.'};
         QString s;
         const int length = below(8);
         for (int i = 0; i < length; ++i) {
@@ -118,9 +145,12 @@ public:
     KVNValue constant()
     {
         switch (below(9)) {
-        case 0: return KVNValue();
-        case 1: return B(below(2) == 1);
-        case 2: return I(int64_t(rng_()) - int64_t(rng_()) * 4096);
+        case 0:
+            return KVNValue();
+        case 1:
+            return B(below(2) == 1);
+        case 2:
+            return I(int64_t(rng_()) - int64_t(rng_()) * 4096);
         case 3: {
             static const int64_t edges[] = {0, -1, 1, std::numeric_limits<int64_t>::min(),
                                             std::numeric_limits<int64_t>::max()};
@@ -134,12 +164,20 @@ public:
             return D(d);
         }
         case 5: {
-            static const double edges[] = {0.1, -0.0, 1e300, 5e-324, std::numeric_limits<double>::infinity(),
-                                           -std::numeric_limits<double>::infinity(), 3.0, 1e21};
+            static const double edges[] = {0.1,
+                                           -0.0,
+                                           1e300,
+                                           5e-324,
+                                           std::numeric_limits<double>::infinity(),
+                                           -std::numeric_limits<double>::infinity(),
+                                           3.0,
+                                           1e21};
             return D(edges[below(8)]);
         }
-        case 6: return KVNValue::fromDate({int64_t(rng_()) - int64_t(rng_()), uint32_t(rng_())});
-        default: return S(text());
+        case 6:
+            return KVNValue::fromDate({int64_t(rng_()) - int64_t(rng_()), uint32_t(rng_())});
+        default:
+            return S(text());
         }
     }
 
@@ -156,9 +194,9 @@ public:
         while (true) {
             const auto op = Operator(below(int(Operator::In) + 1));
             const unsigned options = unsigned(below(4));
-            KVNExpression left = below(10) == 0 ? KVNExpression::self()
-                : below(10) == 0                ? KVNExpression::constant(constant())
-                                                : keyPath();
+            KVNExpression left = below(10) == 0   ? KVNExpression::self()
+                                 : below(10) == 0 ? KVNExpression::constant(constant())
+                                                  : keyPath();
             KVNExpression right = below(5) == 0 ? keyPath() : KVNExpression::constant(constant());
             if (op == Operator::Matches && below(2) == 0) {
                 static const char *const patterns[] = {".*", "a[bc]+", "(x|y)?z", "\\d{2,}", "é.", "[^\"]*"};
@@ -200,9 +238,15 @@ public:
             for (int i = below(4); i > 0 && !text.isEmpty(); --i) {
                 const int at = below(int(text.size()));
                 switch (below(3)) {
-                case 0: text.remove(at, 1 + below(3)); break;
-                case 1: text.insert(at, text.at(at)); break;
-                default: text[at] = QChar(char16_t(below(128))); break;
+                case 0:
+                    text.remove(at, 1 + below(3));
+                    break;
+                case 1:
+                    text.insert(at, text.at(at));
+                    break;
+                default:
+                    text[at] = QChar(char16_t(below(128)));
+                    break;
                 }
             }
             return text;
@@ -214,10 +258,23 @@ public:
             return below(2) ? QString::fromLatin1(bytes) : QString::fromUtf8(bytes);
         }
         static const char *const pieces[] = {
-            "(", ")", "a", "b.c", "==", "!=", "<", ">=", "=<", "LIKE", "[c]", "[cd]", "[x", "AND", "OR", "NOT",
-            "!", "&&", "||", "\"s\"", "'t", "\"", "\\", "%@", "%d", "%K", "%%", "%", "1", "-2.5e3", "0x1F",
-            "0x", "{", "}", ",", "IN", "MATCHES", "\"(\"", "nil", "YES", "SELF", "DATE(", "#", "#like",
-            "TRUEPREDICATE", " ", "é", "\xF0\x9D\x90\x80", ".", "1e999", "\"\\u00\"",
+            "(",       ")",     "a",
+            "b.c",     "==",    "!=",
+            "<",       ">=",    "=<",
+            "LIKE",    "[c]",   "[cd]",
+            "[x",      "AND",   "OR",
+            "NOT",     "!",     "&&",
+            "||",      "\"s\"", "'t",
+            "\"",      "\\",    "%@",
+            "%d",      "%K",    "%%",
+            "%",       "1",     "-2.5e3",
+            "0x1F",    "0x",    "{",
+            "}",       ",",     "IN",
+            "MATCHES", "\"(\"", "nil",
+            "YES",     "SELF",  "DATE(",
+            "#",       "#like", "TRUEPREDICATE",
+            " ",       "é",     "\xF0\x9D\x90\x80",
+            ".",       "1e999", "\"\\u00\"",
         };
         QString s;
         for (int i = below(16); i > 0; --i)
@@ -280,7 +337,9 @@ void TestPredicate::comparisons_data()
 {
     QTest::addColumn<QString>("format");
     QTest::addColumn<bool>("expected");
-    const auto row = [](const char *format, bool expected) { QTest::newRow(format) << QString::fromUtf8(format) << expected; };
+    const auto row = [](const char *format, bool expected) {
+        QTest::newRow(format) << QString::fromUtf8(format) << expected;
+    };
 
     // Numbers: Integer, Double and Bool compare by value.
     row("diffResult == 3", true);
@@ -462,8 +521,8 @@ void TestPredicate::caseAndDiacriticOptions_data()
     QTest::addColumn<QString>("value");
     QTest::addColumn<bool>("expected");
 
-    const QString composed = QStringLiteral("É");            // U+00C9
-    const QString decomposed = QStringLiteral("E\u0301");    // E + combining acute
+    const QString composed = QStringLiteral("É");         // U+00C9
+    const QString decomposed = QStringLiteral("E\u0301"); // E + combining acute
     QTest::newRow("É ==[cd] e") << "v ==[cd] \"e\"" << composed << true;
     QTest::newRow("E+acute ==[cd] e") << "v ==[cd] \"e\"" << decomposed << true;
     QTest::newRow("É ==[d] E") << "v ==[d] \"E\"" << composed << true;
@@ -472,19 +531,31 @@ void TestPredicate::caseAndDiacriticOptions_data()
     QTest::newRow("É ==[c] e") << "v ==[c] \"e\"" << composed << false;
     QTest::newRow("É == e") << "v == \"e\"" << composed << false;
     QTest::newRow("É !=[cd] e") << "v !=[cd] \"e\"" << composed << false;
-    QTest::newRow("Éclair LIKE[cd]") << "v LIKE[cd] \"*CLAIR\"" << "Éclair" << true;
-    QTest::newRow("Éclair BEGINSWITH[d]") << "v BEGINSWITH[d] \"Ec\"" << "Éclair" << true;
-    QTest::newRow("Éclair BEGINSWITH[c]") << "v BEGINSWITH[c] \"éC\"" << "Éclair" << true;
-    QTest::newRow("Éclair ENDSWITH[c]") << "v ENDSWITH[c] \"LAIR\"" << "Éclair" << true;
-    QTest::newRow("Éclair CONTAINS[cd]") << "v CONTAINS[cd] \"ECL\"" << "Éclair" << true;
-    QTest::newRow("Éclair CONTAINS") << "v CONTAINS \"ecl\"" << "Éclair" << false;
-    QTest::newRow("Éclair MATCHES[cd]") << "v MATCHES[cd] \"ecl.*\"" << "Éclair" << true;
-    QTest::newRow("Éclair MATCHES") << "v MATCHES \"ecl.*\"" << "Éclair" << false;
-    QTest::newRow("café IN[d]") << "\"cafe\" IN[d] v" << "un café noir" << true;
+    QTest::newRow("Éclair LIKE[cd]") << "v LIKE[cd] \"*CLAIR\""
+                                     << "Éclair" << true;
+    QTest::newRow("Éclair BEGINSWITH[d]") << "v BEGINSWITH[d] \"Ec\""
+                                          << "Éclair" << true;
+    QTest::newRow("Éclair BEGINSWITH[c]") << "v BEGINSWITH[c] \"éC\""
+                                          << "Éclair" << true;
+    QTest::newRow("Éclair ENDSWITH[c]") << "v ENDSWITH[c] \"LAIR\""
+                                        << "Éclair" << true;
+    QTest::newRow("Éclair CONTAINS[cd]") << "v CONTAINS[cd] \"ECL\""
+                                         << "Éclair" << true;
+    QTest::newRow("Éclair CONTAINS") << "v CONTAINS \"ecl\""
+                                     << "Éclair" << false;
+    QTest::newRow("Éclair MATCHES[cd]") << "v MATCHES[cd] \"ecl.*\""
+                                        << "Éclair" << true;
+    QTest::newRow("Éclair MATCHES") << "v MATCHES \"ecl.*\""
+                                    << "Éclair" << false;
+    QTest::newRow("café IN[d]") << "\"cafe\" IN[d] v"
+                                << "un café noir" << true;
     QTest::newRow("astral case fold") << "v ==[c] \"\\ud801\\udc28\"" << QString::fromUtf8("\xF0\x90\x90\x80") << true;
-    QTest::newRow("ordering [c]") << "v <[c] \"Banana\"" << "apple" << true;
-    QTest::newRow("ordering plain") << "v < \"Banana\"" << "apple" << false;
-    QTest::newRow("options on key sides") << "v ==[c] w" << "ÀB" << true;
+    QTest::newRow("ordering [c]") << "v <[c] \"Banana\""
+                                  << "apple" << true;
+    QTest::newRow("ordering plain") << "v < \"Banana\""
+                                    << "apple" << false;
+    QTest::newRow("options on key sides") << "v ==[c] w"
+                                          << "ÀB" << true;
 }
 
 void TestPredicate::caseAndDiacriticOptions()
@@ -509,29 +580,51 @@ void TestPredicate::likeWildcards_data()
 
     const int c = KVNComparisonPredicate::CaseInsensitive;
     const int d = KVNComparisonPredicate::DiacriticInsensitive;
-    QTest::newRow("suffix") << "*.txt" << "a.txt" << 0 << true;
-    QTest::newRow("whole string") << "*.txt" << "a.txt.bak" << 0 << false;
-    QTest::newRow("one char") << "?.txt" << "a.txt" << 0 << true;
-    QTest::newRow("one char only") << "?.txt" << "ab.txt" << 0 << false;
-    QTest::newRow("several runs") << "a*b*c" << "aXXbYYc" << 0 << true;
-    QTest::newRow("several runs, no end") << "a*b*c" << "aXXbYY" << 0 << false;
-    QTest::newRow("star on empty") << "*" << "" << 0 << true;
-    QTest::newRow("empty on empty") << "" << "" << 0 << true;
-    QTest::newRow("empty on text") << "" << "a" << 0 << false;
-    QTest::newRow("repeated stars") << "**a**" << "xxa" << 0 << true;
-    QTest::newRow("escaped star") << "a\\*" << "a*" << 0 << true;
-    QTest::newRow("escaped star is literal") << "a\\*" << "ab" << 0 << false;
-    QTest::newRow("escaped question") << "a\\?" << "a?" << 0 << true;
-    QTest::newRow("escaped question is literal") << "a\\?" << "ab" << 0 << false;
-    QTest::newRow("escaped backslash") << "a\\\\b" << "a\\b" << 0 << true;
-    QTest::newRow("trailing backslash") << "\\" << "\\" << 0 << true;
+    QTest::newRow("suffix") << "*.txt"
+                            << "a.txt" << 0 << true;
+    QTest::newRow("whole string") << "*.txt"
+                                  << "a.txt.bak" << 0 << false;
+    QTest::newRow("one char") << "?.txt"
+                              << "a.txt" << 0 << true;
+    QTest::newRow("one char only") << "?.txt"
+                                   << "ab.txt" << 0 << false;
+    QTest::newRow("several runs") << "a*b*c"
+                                  << "aXXbYYc" << 0 << true;
+    QTest::newRow("several runs, no end") << "a*b*c"
+                                          << "aXXbYY" << 0 << false;
+    QTest::newRow("star on empty") << "*"
+                                   << "" << 0 << true;
+    QTest::newRow("empty on empty") << ""
+                                    << "" << 0 << true;
+    QTest::newRow("empty on text") << ""
+                                   << "a" << 0 << false;
+    QTest::newRow("repeated stars") << "**a**"
+                                    << "xxa" << 0 << true;
+    QTest::newRow("escaped star") << "a\\*"
+                                  << "a*" << 0 << true;
+    QTest::newRow("escaped star is literal") << "a\\*"
+                                             << "ab" << 0 << false;
+    QTest::newRow("escaped question") << "a\\?"
+                                      << "a?" << 0 << true;
+    QTest::newRow("escaped question is literal") << "a\\?"
+                                                 << "ab" << 0 << false;
+    QTest::newRow("escaped backslash") << "a\\\\b"
+                                       << "a\\b" << 0 << true;
+    QTest::newRow("trailing backslash") << "\\"
+                                        << "\\" << 0 << true;
     QTest::newRow("backtracking") << "*a*a*a*a*b" << QString(60, u'a') << 0 << false;
-    QTest::newRow("case") << "*.TXT" << "readme.txt" << 0 << false;
-    QTest::newRow("[c]") << "*.TXT" << "readme.txt" << c << true;
-    QTest::newRow("[d]") << "caf?" << "café" << d << true;
-    QTest::newRow("[d] pattern accent") << "é?" << "e\u0301x" << d << true;
-    QTest::newRow("[cd]") << "*CAFE*" << "Un Café noir" << (c | d) << true;
-    QTest::newRow("[c] not [d]") << "*CAFE*" << "Un Café noir" << c << false;
+    QTest::newRow("case") << "*.TXT"
+                          << "readme.txt" << 0 << false;
+    QTest::newRow("[c]") << "*.TXT"
+                         << "readme.txt" << c << true;
+    QTest::newRow("[d]") << "caf?"
+                         << "café" << d << true;
+    QTest::newRow("[d] pattern accent") << "é?"
+                                        << "e\u0301x" << d << true;
+    QTest::newRow("[cd]") << "*CAFE*"
+                          << "Un Café noir" << (c | d) << true;
+    QTest::newRow("[c] not [d]") << "*CAFE*"
+                                 << "Un Café noir" << c << false;
 }
 
 void TestPredicate::likeWildcards()
@@ -631,8 +724,8 @@ void TestPredicate::compoundFactories()
     QVERIFY(message.contains("regular expression"));
     QVERIFY(!KVNComparisonPredicate::make(*KVNExpression::keyPath(u"n"), Operator::Equal,
                                           KVNExpression::constant(D(std::nan(""))), 0, &message));
-    QVERIFY(!KVNComparisonPredicate::make(*KVNExpression::keyPath(u"n"), Operator::Equal,
-                                          KVNExpression::aggregate({}), 0, &message));
+    QVERIFY(!KVNComparisonPredicate::make(*KVNExpression::keyPath(u"n"), Operator::Equal, KVNExpression::aggregate({}),
+                                          0, &message));
     QVERIFY(!KVNExpression::keyPath(u"a b"));
     QVERIFY(!KVNExpression::keyPath(u"a..b"));
     QVERIFY(!KVNExpression::keyPath(u"1a"));
@@ -649,10 +742,10 @@ void TestPredicate::systemTextsRoundTrip()
     for (const QString &name : ignored)
         fromFormats.push_back(parseOrFail("spotlightItemFSName LIKE[c] %@", {S(name)}));
     QVERIFY(exclusion->isEqual(*KVNPredicate::orPredicateWithSubpredicates(fromFormats)));
-    const QString exclusionText = QStringLiteral(
-        "spotlightItemFSName LIKE[c] \".DS_Store\" OR spotlightItemFSName LIKE[c] \"CVS\" OR "
-        "spotlightItemFSName LIKE[c] \".svn\" OR spotlightItemFSName LIKE[c] \".git\" OR "
-        "spotlightItemFSName LIKE[c] \".hg\"");
+    const QString exclusionText =
+        QStringLiteral("spotlightItemFSName LIKE[c] \".DS_Store\" OR spotlightItemFSName LIKE[c] \"CVS\" OR "
+                       "spotlightItemFSName LIKE[c] \".svn\" OR spotlightItemFSName LIKE[c] \".git\" OR "
+                       "spotlightItemFSName LIKE[c] \".hg\"");
     QCOMPARE(exclusion->predicateFormat(), exclusionText);
 
     const auto filter = parseOrFail("(diffResult == %d OR diffResult == %d)", {I(2), I(5)});
@@ -759,8 +852,8 @@ void TestPredicate::malformedText_data()
     QTest::newRow("# alone") << "# == 1" << Values{} << 0 << "'#'";
     QTest::newRow("dot without key") << "a. == 1" << Values{} << 3 << "after '.'";
     QTest::newRow("position in UTF-16") << QStringLiteral("名前 == \"x") << Values{} << 6 << "unterminated";
-    QTest::newRow("position after astral") << QString::fromUtf8("\xF0\x9D\x90\x80 == \"x") << Values{} << 6
-                                           << "unterminated";
+    QTest::newRow("position after astral")
+        << QString::fromUtf8("\xF0\x9D\x90\x80 == \"x") << Values{} << 6 << "unterminated";
     QTest::newRow("unexpected character") << "a == 1 ; b" << Values{} << 7 << "unexpected character";
 }
 
@@ -866,8 +959,8 @@ void TestPredicate::concurrentEvaluation()
                                  .arg(i % 2 ? QStringLiteral("file") : QStringLiteral("Filé"))
                                  .arg(i)
                                  .arg(i % 3 ? QStringLiteral("txt") : QStringLiteral("dat"));
-        auto row = KVNTestObject::make({{"name", S(name)}, {"spotlightItemFSName", S(name)},
-                                        {"diffResult", I(i % 5)}, {"size", D(i * 0.75)}});
+        auto row = KVNTestObject::make(
+            {{"name", S(name)}, {"spotlightItemFSName", S(name)}, {"diffResult", I(i % 5)}, {"size", D(i * 0.75)}});
         if (i % 4)
             row->setValue("leftNode", KVNValue::fromObject(innerNode()));
         if (i % 7)

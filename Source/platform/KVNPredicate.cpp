@@ -69,16 +69,27 @@ QString quotedString(const QString &value)
     for (qsizetype i = 0; i < n; ++i) {
         const char16_t c = value[i].unicode();
         switch (c) {
-        case u'"': out += QLatin1String("\\\""); continue;
-        case u'\\': out += QLatin1String("\\\\"); continue;
-        case u'\n': out += QLatin1String("\\n"); continue;
-        case u'\t': out += QLatin1String("\\t"); continue;
-        case u'\r': out += QLatin1String("\\r"); continue;
+        case u'"':
+            out += QLatin1String("\\\"");
+            continue;
+        case u'\\':
+            out += QLatin1String("\\\\");
+            continue;
+        case u'\n':
+            out += QLatin1String("\\n");
+            continue;
+        case u'\t':
+            out += QLatin1String("\\t");
+            continue;
+        case u'\r':
+            out += QLatin1String("\\r");
+            continue;
         case u'%':
             // The parser reads "%%" in a string as one '%'.
             out += (i + 1 < n && value[i + 1] == u'%') ? QLatin1String("%%") : QLatin1String("%");
             continue;
-        default: break;
+        default:
+            break;
         }
         const bool control = c < 0x20 || (c >= 0x7F && c <= 0x9F) || c == 0x2028 || c == 0x2029;
         bool loneSurrogate = false;
@@ -175,8 +186,7 @@ KVNPredicatePtr KVNPredicate::orPredicateWithSubpredicates(const std::vector<KVN
 
 KVNCompoundPredicate::KVNCompoundPredicate(Key, Kind kind, std::vector<KVNPredicatePtr> subpredicates)
     : kind_(kind), subpredicates_(std::move(subpredicates))
-{
-}
+{}
 
 bool KVNCompoundPredicate::evaluateWithObject(const KVNKeyValueCoding &object) const
 {
@@ -361,9 +371,9 @@ bool KVNExpression::isValidKey(QStringView key)
 bool KVNExpression::isReservedWord(QStringView word)
 {
     static const char *const words[] = {
-        "AND", "OR", "NOT", "TRUEPREDICATE", "FALSEPREDICATE", "NIL", "NULL", "YES", "NO", "TRUE", "FALSE",
-        "SELF", "LIKE", "BEGINSWITH", "ENDSWITH", "CONTAINS", "MATCHES", "IN", "ANY", "ALL", "SOME", "NONE",
-        "BETWEEN",
+        "AND",     "OR",   "NOT",   "TRUEPREDICATE", "FALSEPREDICATE", "NIL",        "NULL",     "YES",
+        "NO",      "TRUE", "FALSE", "SELF",          "LIKE",           "BEGINSWITH", "ENDSWITH", "CONTAINS",
+        "MATCHES", "IN",   "ANY",   "ALL",           "SOME",           "NONE",       "BETWEEN",
     };
     if (word.size() < 2 || word.size() > 14)
         return false;

@@ -160,10 +160,10 @@ private:
     unsigned options_;
 
     // Prepared at construction, read-only afterwards.
-    std::optional<std::u32string> leftFolded_;  // a constant string side, folded per options_
+    std::optional<std::u32string> leftFolded_; // a constant string side, folded per options_
     std::optional<std::u32string> rightFolded_;
-    std::optional<std::u32string> likePattern_; // constant LIKE pattern, folded, wildcards marked
-    std::optional<QRegularExpression> regex_;   // constant MATCHES pattern, anchored
+    std::optional<std::u32string> likePattern_;                 // constant LIKE pattern, folded, wildcards marked
+    std::optional<QRegularExpression> regex_;                   // constant MATCHES pattern, anchored
     std::vector<std::optional<std::u32string>> elementsFolded_; // IN {…}
 };
 

@@ -27,8 +27,8 @@ bool isNumeric(KVNValue::Type type)
 
 bool isStringOperator(Operator op)
 {
-    return op == Operator::Like || op == Operator::BeginsWith || op == Operator::EndsWith
-        || op == Operator::Contains || op == Operator::Matches;
+    return op == Operator::Like || op == Operator::BeginsWith || op == Operator::EndsWith || op == Operator::Contains ||
+           op == Operator::Matches;
 }
 
 // MARK: Numbers
@@ -42,9 +42,12 @@ struct Number {
 Number numberOf(const KVNValue &value)
 {
     switch (value.type()) {
-    case KVNValue::Type::Bool: return {true, value.toBool() ? 1 : 0, 0};
-    case KVNValue::Type::Integer: return {true, value.toInteger(), 0};
-    default: return {false, 0, value.toDouble()};
+    case KVNValue::Type::Bool:
+        return {true, value.toBool() ? 1 : 0, 0};
+    case KVNValue::Type::Integer:
+        return {true, value.toInteger(), 0};
+    default:
+        return {false, 0, value.toDouble()};
     }
 }
 
@@ -87,8 +90,7 @@ inline char32_t foldCase(char32_t c)
     return QChar::toCaseFolded(c);
 }
 
-template<typename Out>
-void appendWithoutDiacritics(char32_t c, bool caseInsensitive, Out &out)
+template <typename Out> void appendWithoutDiacritics(char32_t c, bool caseInsensitive, Out &out)
 {
     if (c >= 0xC0) {
         if (QChar::category(c) == QChar::Mark_NonSpacing)
@@ -113,8 +115,7 @@ void appendWithoutDiacritics(char32_t c, bool caseInsensitive, Out &out)
 }
 
 // The code points of text as the options compare them.
-template<typename Out>
-void foldText(QStringView text, unsigned options, Out &out)
+template <typename Out> void foldText(QStringView text, unsigned options, Out &out)
 {
     const bool caseInsensitive = options & KVNComparisonPredicate::CaseInsensitive;
     const bool diacriticInsensitive = options & KVNComparisonPredicate::DiacriticInsensitive;
@@ -165,8 +166,55 @@ std::u32string likePattern(QStringView pattern, unsigned options)
     return out;
 }
 
+// Reads text a code point at a time, folded as the options say. Diacritic
+// folding of a non-ASCII character can change the length, so that case
+// reports itself instead and the caller folds the whole text first.
+class FoldingReader {
+public:
+    FoldingReader(QStringView text, unsigned options)
+        : text_(text), caseInsensitive_(options & KVNComparisonPredicate::CaseInsensitive),
+          diacriticInsensitive_(options & KVNComparisonPredicate::DiacriticInsensitive)
+    {}
+    std::size_t size() const { return std::size_t(text_.size()); }
+    bool needsFullFold() const { return needsFullFold_; }
+
+    // The code point at i, advancing i past it.
+    char32_t read(std::size_t &i)
+    {
+        char32_t c = text_[qsizetype(i)].unicode();
+        ++i;
+        if (c < 0x80)
+            return caseInsensitive_ && c >= U'A' && c <= U'Z' ? c + 32 : c;
+        if (QChar::isHighSurrogate(c) && i < size() && text_[qsizetype(i)].isLowSurrogate()) {
+            c = QChar::surrogateToUcs4(char16_t(c), text_[qsizetype(i)].unicode());
+            ++i;
+        }
+        if (diacriticInsensitive_)
+            needsFullFold_ = true;
+        return caseInsensitive_ ? foldCase(c) : c;
+    }
+
+private:
+    QStringView text_;
+    bool caseInsensitive_;
+    bool diacriticInsensitive_;
+    bool needsFullFold_ = false;
+};
+
+class ViewReader {
+public:
+    explicit ViewReader(std::u32string_view text) : text_(text) {}
+    std::size_t size() const { return text_.size(); }
+    bool needsFullFold() const { return false; }
+    char32_t read(std::size_t &i) { return text_[i++]; }
+
+private:
+    std::u32string_view text_;
+};
+
 // Greedy with a single backtrack point: linear in practice, never recursive.
-bool likeMatches(std::u32string_view text, std::u32string_view pattern)
+// Folding as it reads, a mismatch in the first characters costs nothing more.
+template <typename Reader> bool likeMatches(Reader &text, std::u32string_view pattern)
 {
     std::size_t t = 0, p = 0;
     std::size_t starP = std::u32string_view::npos, starT = 0;
@@ -174,12 +222,19 @@ bool likeMatches(std::u32string_view text, std::u32string_view pattern)
         if (p < pattern.size() && pattern[p] == likeAnyRun) {
             starP = p++;
             starT = t;
-        } else if (p < pattern.size() && (pattern[p] == likeAnyOne || pattern[p] == text[t])) {
+            continue;
+        }
+        std::size_t next = t;
+        const char32_t c = text.read(next);
+        if (text.needsFullFold())
+            return false;
+        if (p < pattern.size() && (pattern[p] == likeAnyOne || pattern[p] == c)) {
             ++p;
-            ++t;
+            t = next;
         } else if (starP != std::u32string_view::npos) {
             p = starP + 1;
-            t = ++starT;
+            text.read(starT);
+            t = starT;
         } else {
             return false;
         }
@@ -187,6 +242,18 @@ bool likeMatches(std::u32string_view text, std::u32string_view pattern)
     while (p < pattern.size() && pattern[p] == likeAnyRun)
         ++p;
     return p == pattern.size();
+}
+
+bool likeMatches(const QString &text, std::u32string_view pattern, unsigned options)
+{
+    FoldingReader reader(text, options);
+    const bool matched = likeMatches(reader, pattern);
+    if (!reader.needsFullFold())
+        return matched;
+    FoldBuffer folded;
+    foldText(text, options, folded);
+    ViewReader view(std::u32string_view(folded.data(), std::size_t(folded.size())));
+    return likeMatches(view, pattern);
 }
 
 std::optional<QRegularExpression> compileRegex(const QString &pattern, unsigned options, QString *errorMessage)
@@ -262,16 +329,21 @@ bool valuesEqual(const KVNValue &a, const std::optional<std::u32string> &aFolded
     if (ta != tb)
         return false;
     switch (ta) {
-    case KVNValue::Type::Nil: return true;
-    case KVNValue::Type::String: return stringsEqual(a.toString(), aFolded, b.toString(), bFolded, options);
-    case KVNValue::Type::Date: return a.toDate() == b.toDate();
-    case KVNValue::Type::Object: return a.toObject().get() == b.toObject().get();
-    default: return false;
+    case KVNValue::Type::Nil:
+        return true;
+    case KVNValue::Type::String:
+        return stringsEqual(a.toString(), aFolded, b.toString(), bFolded, options);
+    case KVNValue::Type::Date:
+        return a.toDate() == b.toDate();
+    case KVNValue::Type::Object:
+        return a.toObject().get() == b.toObject().get();
+    default:
+        return false;
     }
 }
 
-std::partial_ordering orderValues(const KVNValue &a, const std::optional<std::u32string> &aFolded,
-                                  const KVNValue &b, const std::optional<std::u32string> &bFolded, unsigned options)
+std::partial_ordering orderValues(const KVNValue &a, const std::optional<std::u32string> &aFolded, const KVNValue &b,
+                                  const std::optional<std::u32string> &bFolded, unsigned options)
 {
     const auto ta = a.type();
     const auto tb = b.type();
@@ -282,9 +354,9 @@ std::partial_ordering orderValues(const KVNValue &a, const std::optional<std::u3
     if (ta == KVNValue::Type::String) {
         if (options == 0)
             return a.toString().compare(b.toString()) <=> 0;
-        return FoldedSide(a.toString(), aFolded, options).view().compare(
-                   FoldedSide(b.toString(), bFolded, options).view())
-            <=> 0;
+        return FoldedSide(a.toString(), aFolded, options)
+                   .view()
+                   .compare(FoldedSide(b.toString(), bFolded, options).view()) <=> 0;
     }
     if (ta == KVNValue::Type::Date)
         return a.toDate() <=> b.toDate();
@@ -293,8 +365,8 @@ std::partial_ordering orderValues(const KVNValue &a, const std::optional<std::u3
 
 std::optional<std::u32string> preparedFold(const KVNExpression &expression, unsigned options)
 {
-    if (options == 0 || expression.kind() != KVNExpression::Kind::Constant
-        || expression.constantValue().type() != KVNValue::Type::String)
+    if (options == 0 || expression.kind() != KVNExpression::Kind::Constant ||
+        expression.constantValue().type() != KVNValue::Type::String)
         return std::nullopt;
     return foldedString(expression.constantValue().toString(), options);
 }
@@ -308,9 +380,9 @@ bool hasNaN(const KVNExpression &expression)
         }
         return false;
     }
-    return expression.kind() == KVNExpression::Kind::Constant
-        && expression.constantValue().type() == KVNValue::Type::Double
-        && std::isnan(expression.constantValue().toDouble());
+    return expression.kind() == KVNExpression::Kind::Constant &&
+           expression.constantValue().type() == KVNValue::Type::Double &&
+           std::isnan(expression.constantValue().toDouble());
 }
 
 bool fail(QString *errorMessage, const QString &message)
@@ -365,8 +437,8 @@ KVNPredicatePtr KVNComparisonPredicate::make(KVNExpression left, Operator op, KV
         return nullptr;
     }
     std::optional<QRegularExpression> regex;
-    if (op == Operator::Matches && right.kind() == KVNExpression::Kind::Constant
-        && right.constantValue().type() == KVNValue::Type::String) {
+    if (op == Operator::Matches && right.kind() == KVNExpression::Kind::Constant &&
+        right.constantValue().type() == KVNValue::Type::String) {
         regex = compileRegex(right.constantValue().toString(), options, errorMessage);
         if (!regex)
             return nullptr;
@@ -382,8 +454,8 @@ KVNComparisonPredicate::KVNComparisonPredicate(KVNExpression left, Operator op, 
 {
     leftFolded_ = preparedFold(left_, options_);
     rightFolded_ = preparedFold(right_, options_);
-    if (op_ == Operator::Like && right_.kind() == KVNExpression::Kind::Constant
-        && right_.constantValue().type() == KVNValue::Type::String)
+    if (op_ == Operator::Like && right_.kind() == KVNExpression::Kind::Constant &&
+        right_.constantValue().type() == KVNValue::Type::String)
         likePattern_ = likePattern(right_.constantValue().toString(), options_);
     if (right_.kind() == KVNExpression::Kind::Aggregate) {
         for (const auto &element : right_.elements())
@@ -402,8 +474,8 @@ bool KVNComparisonPredicate::evaluateWithObject(const KVNKeyValueCoding &object)
         return evaluateIn(left, nullptr, object);
     KVNValue rightHolder;
     const KVNValue &right = right_.kind() == KVNExpression::Kind::Constant
-        ? right_.constantValue()
-        : (rightHolder = right_.valueWithObject(object));
+                                ? right_.constantValue()
+                                : (rightHolder = right_.valueWithObject(object));
 
     switch (op_) {
     case Operator::Equal:
@@ -436,28 +508,33 @@ bool KVNComparisonPredicate::evaluateWithObject(const KVNKeyValueCoding &object)
         return regex && regexMatches(*regex, text, options_);
     }
     if (op_ == Operator::Like) {
-        FoldBuffer folded;
-        foldText(text, options_, folded);
-        const std::u32string_view view(folded.data(), std::size_t(folded.size()));
         if (likePattern_)
-            return likeMatches(view, *likePattern_);
-        return likeMatches(view, likePattern(pattern, options_));
+            return likeMatches(text, *likePattern_, options_);
+        return likeMatches(text, likePattern(pattern, options_), options_);
     }
     if (options_ == 0) {
         switch (op_) {
-        case Operator::BeginsWith: return text.startsWith(pattern);
-        case Operator::EndsWith: return text.endsWith(pattern);
-        case Operator::Contains: return text.contains(pattern);
-        default: return false;
+        case Operator::BeginsWith:
+            return text.startsWith(pattern);
+        case Operator::EndsWith:
+            return text.endsWith(pattern);
+        case Operator::Contains:
+            return text.contains(pattern);
+        default:
+            return false;
         }
     }
     const FoldedSide textSide(text, leftFolded_, options_);
     const FoldedSide patternSide(pattern, rightFolded_, options_);
     switch (op_) {
-    case Operator::BeginsWith: return textSide.view().starts_with(patternSide.view());
-    case Operator::EndsWith: return textSide.view().ends_with(patternSide.view());
-    case Operator::Contains: return textSide.view().find(patternSide.view()) != std::u32string_view::npos;
-    default: return false;
+    case Operator::BeginsWith:
+        return textSide.view().starts_with(patternSide.view());
+    case Operator::EndsWith:
+        return textSide.view().ends_with(patternSide.view());
+    case Operator::Contains:
+        return textSide.view().find(patternSide.view()) != std::u32string_view::npos;
+    default:
+        return false;
     }
 }
 
@@ -485,18 +562,30 @@ bool KVNComparisonPredicate::evaluateIn(const KVNValue &left, const KVNValue *ri
 QString KVNComparisonPredicate::operatorText(Operator op)
 {
     switch (op) {
-    case Operator::Equal: return QStringLiteral("==");
-    case Operator::NotEqual: return QStringLiteral("!=");
-    case Operator::Less: return QStringLiteral("<");
-    case Operator::LessOrEqual: return QStringLiteral("<=");
-    case Operator::Greater: return QStringLiteral(">");
-    case Operator::GreaterOrEqual: return QStringLiteral(">=");
-    case Operator::Like: return QStringLiteral("LIKE");
-    case Operator::BeginsWith: return QStringLiteral("BEGINSWITH");
-    case Operator::EndsWith: return QStringLiteral("ENDSWITH");
-    case Operator::Contains: return QStringLiteral("CONTAINS");
-    case Operator::Matches: return QStringLiteral("MATCHES");
-    case Operator::In: return QStringLiteral("IN");
+    case Operator::Equal:
+        return QStringLiteral("==");
+    case Operator::NotEqual:
+        return QStringLiteral("!=");
+    case Operator::Less:
+        return QStringLiteral("<");
+    case Operator::LessOrEqual:
+        return QStringLiteral("<=");
+    case Operator::Greater:
+        return QStringLiteral(">");
+    case Operator::GreaterOrEqual:
+        return QStringLiteral(">=");
+    case Operator::Like:
+        return QStringLiteral("LIKE");
+    case Operator::BeginsWith:
+        return QStringLiteral("BEGINSWITH");
+    case Operator::EndsWith:
+        return QStringLiteral("ENDSWITH");
+    case Operator::Contains:
+        return QStringLiteral("CONTAINS");
+    case Operator::Matches:
+        return QStringLiteral("MATCHES");
+    case Operator::In:
+        return QStringLiteral("IN");
     }
     return QString();
 }

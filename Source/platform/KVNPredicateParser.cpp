@@ -167,14 +167,22 @@ private:
         const QChar c = text_[pos_];
         const QChar n = pos_ + 1 < size_ ? text_[pos_ + 1] : QChar();
         switch (c.unicode()) {
-        case u'(': return make(TokenType::LParen, start, 1);
-        case u')': return make(TokenType::RParen, start, 1);
-        case u'{': return make(TokenType::LBrace, start, 1);
-        case u'}': return make(TokenType::RBrace, start, 1);
-        case u'[': return make(TokenType::LBracket, start, 1);
-        case u']': return make(TokenType::RBracket, start, 1);
-        case u',': return make(TokenType::Comma, start, 1);
-        case u'.': return make(TokenType::Dot, start, 1);
+        case u'(':
+            return make(TokenType::LParen, start, 1);
+        case u')':
+            return make(TokenType::RParen, start, 1);
+        case u'{':
+            return make(TokenType::LBrace, start, 1);
+        case u'}':
+            return make(TokenType::RBrace, start, 1);
+        case u'[':
+            return make(TokenType::LBracket, start, 1);
+        case u']':
+            return make(TokenType::RBracket, start, 1);
+        case u',':
+            return make(TokenType::Comma, start, 1);
+        case u'.':
+            return make(TokenType::Dot, start, 1);
         case u'=':
             if (n == u'=')
                 return make(TokenType::Equal, start, 2);
@@ -268,12 +276,24 @@ private:
                 throw ParseFailure{QStringLiteral("unterminated string: no closing %1").arg(quote), start};
             const QChar e = text_[pos_ + 1];
             switch (e.unicode()) {
-            case u'"': value += QLatin1Char('"'); break;
-            case u'\'': value += QLatin1Char('\''); break;
-            case u'\\': value += QLatin1Char('\\'); break;
-            case u'n': value += QLatin1Char('\n'); break;
-            case u't': value += QLatin1Char('\t'); break;
-            case u'r': value += QLatin1Char('\r'); break;
+            case u'"':
+                value += QLatin1Char('"');
+                break;
+            case u'\'':
+                value += QLatin1Char('\'');
+                break;
+            case u'\\':
+                value += QLatin1Char('\\');
+                break;
+            case u'n':
+                value += QLatin1Char('\n');
+                break;
+            case u't':
+                value += QLatin1Char('\t');
+                break;
+            case u'r':
+                value += QLatin1Char('\r');
+                break;
             case u'u': {
                 int code = 0;
                 for (int k = 0; k < 4; ++k) {
@@ -331,8 +351,8 @@ private:
         if (negative)
             ++i;
         Token token;
-        if (text_[i] == u'0' && i + 2 < size_ && (text_[i + 1] == u'x' || text_[i + 1] == u'X')
-            && hexValue(text_[i + 2]) >= 0) {
+        if (text_[i] == u'0' && i + 2 < size_ && (text_[i + 1] == u'x' || text_[i + 1] == u'X') &&
+            hexValue(text_[i + 2]) >= 0) {
             i += 2;
             uint64_t magnitude = 0;
             bool overflow = false;
@@ -417,7 +437,8 @@ private:
         }
         const qsizetype dot = mantissa.indexOf('.') < 0 ? mantissa.size() : mantissa.indexOf('.');
         qsizetype firstSignificant = 0;
-        while (firstSignificant < mantissa.size() && (mantissa.at(firstSignificant) < '1' || mantissa.at(firstSignificant) > '9'))
+        while (firstSignificant < mantissa.size() &&
+               (mantissa.at(firstSignificant) < '1' || mantissa.at(firstSignificant) > '9'))
             ++firstSignificant;
         return exponent + (firstSignificant < dot ? dot - firstSignificant - 1 : dot - firstSignificant);
     }
@@ -439,18 +460,17 @@ public:
             throw ParseFailure{QStringLiteral("empty predicate"), lexer_.size()};
         KVNPredicatePtr predicate = parsePredicate();
         if (nextArgument_ < arguments_.size())
-            throw ParseFailure{QStringLiteral("%1 arguments given but the format uses %2")
-                                   .arg(arguments_.size())
-                                   .arg(nextArgument_),
-                               lexer_.size()};
+            throw ParseFailure{
+                QStringLiteral("%1 arguments given but the format uses %2").arg(arguments_.size()).arg(nextArgument_),
+                lexer_.size()};
         return predicate;
     }
 
 private:
     bool isKeyword(const Token &token, const char *word) const
     {
-        return token.type == TokenType::Identifier && !token.escaped
-            && token.text.compare(QLatin1String(word), Qt::CaseInsensitive) == 0;
+        return token.type == TokenType::Identifier && !token.escaped &&
+               token.text.compare(QLatin1String(word), Qt::CaseInsensitive) == 0;
     }
 
     // One open parenthesis (or the whole text): the OR terms so far, the AND
@@ -543,8 +563,8 @@ private:
 
     ParseFailure tooDeep(int position) const
     {
-        return ParseFailure{
-            QStringLiteral("nesting deeper than %1 levels").arg(KVNPredicate::maxNestingDepth()), position};
+        return ParseFailure{QStringLiteral("nesting deeper than %1 levels").arg(KVNPredicate::maxNestingDepth()),
+                            position};
     }
 
     KVNPredicatePtr parseSimplePredicate()
@@ -573,12 +593,14 @@ private:
         const unsigned options = parseOptions();
 
         const int rightPosition = lexer_.peek().position;
-        KVNExpression right = parseExpression(QStringLiteral("a value or key path after %1").arg(lexer_.quote(opToken)));
+        KVNExpression right =
+            parseExpression(QStringLiteral("a value or key path after %1").arg(lexer_.quote(opToken)));
         if (right.kind() == KVNExpression::Kind::Aggregate && op != Operator::In)
             throw ParseFailure{QStringLiteral("a list {…} can only stand on the right of IN"), rightPosition};
 
         QString message;
-        KVNPredicatePtr predicate = KVNComparisonPredicate::make(std::move(left), op, std::move(right), options, &message);
+        KVNPredicatePtr predicate =
+            KVNComparisonPredicate::make(std::move(left), op, std::move(right), options, &message);
         if (!predicate)
             throw ParseFailure{message, rightPosition};
         return predicate;
@@ -587,12 +609,18 @@ private:
     Operator comparisonOperator(const Token &token) const
     {
         switch (token.type) {
-        case TokenType::Equal: return Operator::Equal;
-        case TokenType::NotEqual: return Operator::NotEqual;
-        case TokenType::Less: return Operator::Less;
-        case TokenType::LessOrEqual: return Operator::LessOrEqual;
-        case TokenType::Greater: return Operator::Greater;
-        case TokenType::GreaterOrEqual: return Operator::GreaterOrEqual;
+        case TokenType::Equal:
+            return Operator::Equal;
+        case TokenType::NotEqual:
+            return Operator::NotEqual;
+        case TokenType::Less:
+            return Operator::Less;
+        case TokenType::LessOrEqual:
+            return Operator::LessOrEqual;
+        case TokenType::Greater:
+            return Operator::Greater;
+        case TokenType::GreaterOrEqual:
+            return Operator::GreaterOrEqual;
         case TokenType::Identifier: {
             static const std::pair<const char *, Operator> words[] = {
                 {"LIKE", Operator::Like},         {"BEGINSWITH", Operator::BeginsWith},
@@ -686,8 +714,9 @@ private:
                 if (std::trunc(d) == d && d >= -9223372036854775808.0 && d < 9223372036854775808.0)
                     return KVNExpression::constant(KVNValue::fromInteger(int64_t(d)));
             }
-            throw ParseFailure{QStringLiteral("argument %1 for %2 is not an integer").arg(index + 1).arg(lexer_.quote(token)),
-                               token.position};
+            throw ParseFailure{
+                QStringLiteral("argument %1 for %2 is not an integer").arg(index + 1).arg(lexer_.quote(token)),
+                token.position};
         }
         // %K
         std::optional<KVNExpression> path;
@@ -772,11 +801,11 @@ private:
         const Token comma = lexer_.next();
         const Token nanoseconds = lexer_.next();
         const Token close = lexer_.next();
-        const bool ok = seconds.type == TokenType::Number && seconds.value.type() == KVNValue::Type::Integer
-            && comma.type == TokenType::Comma && nanoseconds.type == TokenType::Number
-            && nanoseconds.value.type() == KVNValue::Type::Integer && nanoseconds.value.toInteger() >= 0
-            && nanoseconds.value.toInteger() <= std::numeric_limits<uint32_t>::max()
-            && close.type == TokenType::RParen;
+        const bool ok = seconds.type == TokenType::Number && seconds.value.type() == KVNValue::Type::Integer &&
+                        comma.type == TokenType::Comma && nanoseconds.type == TokenType::Number &&
+                        nanoseconds.value.type() == KVNValue::Type::Integer && nanoseconds.value.toInteger() >= 0 &&
+                        nanoseconds.value.toInteger() <= std::numeric_limits<uint32_t>::max() &&
+                        close.type == TokenType::RParen;
         if (!ok)
             throw ParseFailure{QStringLiteral("expected DATE(seconds, nanoseconds) with two integers"),
                                seconds.position};

@@ -2,12 +2,12 @@
 #include "KVNComparisonDriver.h"
 #include "KVNDiffResult.h"
 #include "KVNPathBytes.h"
+#include "KVNURLAdditions.h"
 
 #include <QCoreApplication>
-#include <QFile>
-#include <QFileInfo>
 
 #include <cstdio>
+#include <sys/stat.h>
 
 namespace {
 
@@ -63,9 +63,9 @@ bool printReport(const KVNComparisonDriver &driver, const QString &original, con
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QStringList paths;
+    QList<QByteArray> paths;
     for (int i = 1; i < argc; ++i) {
-        const QString argument = QString::fromLocal8Bit(argv[i]);
+        const QByteArray argument(argv[i]);
         if (argument == QLatin1String("--version")) {
             printLine(QStringLiteral(KORVANE_VERSION));
             return 0;
@@ -74,7 +74,10 @@ int main(int argc, char **argv)
             printUsage();
             return 0;
         }
-        paths << argument;
+        QByteArray path = argument;
+        while (path.size() > 1 && path.endsWith('/'))
+            path.chop(1);
+        paths << path;
     }
     if (paths.size() != 2) {
         std::fprintf(stderr, "kvdiff: expected two directories; see kvdiff --help\n");
@@ -82,18 +85,21 @@ int main(int argc, char **argv)
     }
     QByteArray roots[2];
     for (int i = 0; i < 2; ++i) {
-        const QFileInfo info(paths[i]);
-        if (!info.isDir()) {
-            std::fprintf(stderr, "kvdiff: %s: not a directory\n", qPrintable(paths[i]));
+        // Paths stay bytes: a root whose name is not text must still work.
+        roots[i] = KVNURLAdditions::saneFilePath(paths[i]);
+        struct stat info;
+        if (roots[i].isEmpty() || ::stat(roots[i].constData(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+            std::fprintf(stderr, "kvdiff: %s: not a directory\n", paths[i].constData());
             return 2;
         }
-        roots[i] = QFile::encodeName(info.canonicalFilePath());
+        if (roots[i].size() > 1 && roots[i].endsWith('/'))
+            roots[i].chop(1);
     }
     auto driver = KVNComparisonDriver::make(roots[0], roots[1]);
     driver->setExclusionPredicate(nullptr);
     driver->performInitialTablePopulate();
     driver->waitUntilIdle();
-    const bool differs = printReport(*driver, paths[0], paths[1]);
+    const bool differs = printReport(*driver, KVNPathBytes::displayString(paths[0]), KVNPathBytes::displayString(paths[1]));
     std::fflush(stdout);
     return differs ? 1 : 0;
 }
