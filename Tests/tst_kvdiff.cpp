@@ -1,6 +1,9 @@
 // kvdiff as a user runs it: real process, real trees, exit status and output.
 #include "KVNTestTree.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
@@ -29,11 +32,54 @@ private slots:
     {
         auto run = kvdiff({KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
         QCOMPARE(run.exitCode, 1);
+        // Every row the outline shows, expanded, in outline order.
         const QList<QByteArray> lines = run.out.trimmed().split('\n');
-        QCOMPARE(lines.size(), 5);
-        QVERIFY(run.out.contains("Only in " KVN_SAMPLES_DIR "/modified: build\n"));
-        QVERIFY(run.out.contains("/docs/Guide.txt and "));
+        QCOMPARE(lines.size(), 8);
+        QCOMPARE(lines[0], QByteArray("Only in " KVN_SAMPLES_DIR "/modified: build"));
+        QCOMPARE(lines[1], QByteArray("Only in " KVN_SAMPLES_DIR "/modified/build: app.out"));
+        QVERIFY(lines[4].endsWith("/docs/Guide.txt and " KVN_SAMPLES_DIR "/modified/docs/guide.txt differ"));
         QVERIFY(!run.out.contains("README"));
+    }
+
+    void filtersChooseRowsNotTheExitStatus()
+    {
+        auto same = kvdiff({"--filter=same", KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
+        QCOMPARE(same.exitCode, 1);
+        QVERIFY(same.out.contains("README.md are identical"));
+        QVERIFY(!same.out.contains("differ"));
+        auto all = kvdiff({"--filter=all", KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
+        QCOMPARE(all.out.trimmed().split('\n').size(), 12);
+        // Excluding everything that differs leaves nothing to report.
+        auto excluded = kvdiff({"--exclude=spotlightItemFSName IN {'build', 'docs', 'src'}", KVN_SAMPLES_DIR "/original",
+                                KVN_SAMPLES_DIR "/modified"});
+        QCOMPARE(excluded.exitCode, 0);
+        QVERIFY2(excluded.out.isEmpty(), excluded.out.constData());
+        auto repeated = kvdiff({"--exclude", "spotlightItemFSName == 'build'", "--exclude=spotlightItemFSName == 'docs'",
+                                KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
+        QCOMPARE(repeated.exitCode, 1);
+        QCOMPARE(repeated.out.trimmed().split('\n').size(), 2); // src and src/main.c
+    }
+
+    void jsonReportsEveryRow()
+    {
+        auto run = kvdiff({"--report=json", "--filter=all", KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
+        QCOMPARE(run.exitCode, 1);
+        const QJsonObject report = QJsonDocument::fromJson(run.out).object();
+        const QJsonArray rows = report.value("rows").toArray();
+        QCOMPARE(rows.size(), 12);
+        QVERIFY(report.value("original").toString().endsWith("/samples/original"));
+        const QJsonObject first = rows[0].toObject();
+        QCOMPARE(first.value("path").toString(), QStringLiteral("./assets"));
+        QCOMPARE(first.value("depth").toInt(), 1);
+        QCOMPARE(first.value("left").toObject().value("type").toString(), QStringLiteral("directory"));
+        QJsonObject build;
+        for (const auto &row : rows)
+            if (row.toObject().value("path") == QStringLiteral("./build/app.out"))
+                build = row.toObject();
+        QVERIFY(build.value("left").isNull());
+        QCOMPARE(build.value("diffResult").toInt(), 3);
+        QCOMPARE(build.value("mergeDirection").toString(), QStringLiteral("left"));
+        QCOMPARE(build.value("right").toObject().value("size").toInt(), 7);
     }
 
     void identicalTreesExitZero()
@@ -52,6 +98,11 @@ private slots:
         QVERIFY(missing.err.contains("not a directory"));
         QCOMPARE(kvdiff({tree.path("plain"), tree.root()}).exitCode, 2);
         QCOMPARE(kvdiff({tree.root()}).exitCode, 2);
+        auto badPredicate = kvdiff({"--exclude=name LIKE 'x", tree.root(), tree.root()});
+        QCOMPARE(badPredicate.exitCode, 2);
+        QVERIFY(badPredicate.err.contains("bad --exclude predicate"));
+        QCOMPARE(kvdiff({"--filter=sometimes", tree.root(), tree.root()}).exitCode, 2);
+        QCOMPARE(kvdiff({"--session", tree.path("plain")}).exitCode, 2);
         auto version = kvdiff({"--version"});
         QCOMPARE(version.exitCode, 0);
         QVERIFY(QRegularExpression("^\\d+\\.\\d+\\.\\d+\\n").match(QString::fromUtf8(version.out)).hasMatch());

@@ -385,11 +385,11 @@ bool hasNaN(const KVNExpression &expression)
            std::isnan(expression.constantValue().toDouble());
 }
 
-bool fail(QString *errorMessage, const QString &message)
+KVNPredicatePtr refuse(QString *errorMessage, const QString &message)
 {
     if (errorMessage)
         *errorMessage = message;
-    return false;
+    return nullptr;
 }
 
 } // namespace
@@ -412,30 +412,20 @@ bool KVNExpression::valuesIdentical(const KVNValue &a, const KVNValue &b)
 KVNPredicatePtr KVNComparisonPredicate::make(KVNExpression left, Operator op, KVNExpression right, unsigned options,
                                              QString *errorMessage)
 {
-    if (options > (CaseInsensitive | DiacriticInsensitive)) {
-        fail(errorMessage, QStringLiteral("unknown comparison options"));
-        return nullptr;
-    }
-    if (left.kind() == KVNExpression::Kind::Aggregate) {
-        fail(errorMessage, QStringLiteral("a list {…} can only stand on the right of IN"));
-        return nullptr;
-    }
+    if (options > (CaseInsensitive | DiacriticInsensitive))
+        return refuse(errorMessage, QStringLiteral("unknown comparison options"));
+    if (left.kind() == KVNExpression::Kind::Aggregate)
+        return refuse(errorMessage, QStringLiteral("a list {…} can only stand on the right of IN"));
     if (right.kind() == KVNExpression::Kind::Aggregate) {
-        if (op != Operator::In) {
-            fail(errorMessage, QStringLiteral("a list {…} can only stand on the right of IN"));
-            return nullptr;
-        }
+        if (op != Operator::In)
+            return refuse(errorMessage, QStringLiteral("a list {…} can only stand on the right of IN"));
         for (const auto &element : right.elements()) {
-            if (element.kind() != KVNExpression::Kind::Constant) {
-                fail(errorMessage, QStringLiteral("a list {…} holds constants only"));
-                return nullptr;
-            }
+            if (element.kind() != KVNExpression::Kind::Constant)
+                return refuse(errorMessage, QStringLiteral("a list {…} holds constants only"));
         }
     }
-    if (hasNaN(left) || hasNaN(right)) {
-        fail(errorMessage, QStringLiteral("NaN is not a number any value can equal or be ordered with"));
-        return nullptr;
-    }
+    if (hasNaN(left) || hasNaN(right))
+        return refuse(errorMessage, QStringLiteral("NaN equals nothing, not even itself; it cannot be compared with"));
     std::optional<QRegularExpression> regex;
     if (op == Operator::Matches && right.kind() == KVNExpression::Kind::Constant &&
         right.constantValue().type() == KVNValue::Type::String) {

@@ -1,61 +1,100 @@
-// kvdiff: compares two directories from the command line.
-#include "KVNComparisonDriver.h"
-#include "KVNDiffResult.h"
+// kvdiff: compares two directories, or a saved session, from the command line.
+#include "KVNDirCompDocument.h"
 #include "KVNPathBytes.h"
-#include "KVNURLAdditions.h"
+#include "KVNReportWriter.h"
+#include "KVNUserDefaults.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
+#include <QFile>
+#include <QJsonDocument>
+#include <QTimer>
 
 #include <cstdio>
+#include <optional>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
-void printLine(const QString &line)
+void writeOut(const QByteArray &bytes)
 {
-    const QByteArray bytes = line.toUtf8();
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
-    std::fputc('\n', stdout);
 }
 
-void printUsage()
+int fail(const QString &message)
 {
-    printLine(QStringLiteral("usage: kvdiff [--version] [--help] ORIGINAL MODIFIED"));
-    printLine(QStringLiteral("Compares two directory trees and lists what differs, like diff -rq."));
-    printLine(QStringLiteral("Exit status: 0 when nothing differs, 1 when something does, 2 on trouble."));
+    std::fprintf(stderr, "kvdiff: %s\n", message.toLocal8Bit().constData());
+    return 2;
 }
 
-// One line per row that is different or on one side only; a directory on one
-// side stands for everything below it.
-bool printReport(const KVNComparisonDriver &driver, const QString &original, const QString &modified)
+const char *kUsage =
+    "usage: kvdiff [--report[=text|json]] [--filter=default|changed|single|same|all]\n"
+    "              [--exclude=PREDICATE]... ORIGINAL MODIFIED\n"
+    "       kvdiff [options] --session FILE\n"
+    "       kvdiff --version | --help\n"
+    "\n"
+    "Compares two directory trees and prints every row the comparison shows, in\n"
+    "outline order, expanded: as text in the style of diff -rq, or as JSON.\n"
+    "\n"
+    "  --report[=FORMAT]   text (the default) or json\n"
+    "  --filter=NAME       which rows to print: default (single and changed), changed,\n"
+    "                      single, same or all; it does not change the exit status\n"
+    "  --exclude=PRED      leave out what the predicate matches, e.g.\n"
+    "                      'spotlightItemFSName LIKE[c] \"*.o\"'; widens the exclusion in\n"
+    "                      force (the default, or the session's) and may be repeated\n"
+    "  --session FILE      compare what a saved session names, under its exclusion\n"
+    "\n"
+    "Exit status: 0 when nothing differs or stands on one side, 1 when something\n"
+    "does, 2 on trouble.\n";
+
+struct Options {
+    bool json = false;
+    KVNFilterAction filter = KVNFilterAction::ShowDefault;
+    QStringList excludes;
+    QByteArray session;
+    QList<QByteArray> paths;
+};
+
+std::optional<KVNFilterAction> filterNamed(const QByteArray &name)
 {
-    bool anyDifference = false;
-    for (const auto &row : driver.sourceArrayController()->arrangedObjects()) {
-        auto parent = row->parentElement();
-        if (parent && (!parent->leftNode() || !parent->rightNode()))
-            continue;
-        auto left = row->leftNode();
-        auto right = row->rightNode();
-        const QString relative = row->displayRelativePath().mid(2);
-        const int32_t result = row->diffResult();
-        if (!left || !right) {
-            const QString root = left ? original : modified;
-            const qsizetype slash = relative.lastIndexOf(QLatin1Char('/'));
-            const QString directory = slash < 0 ? root : root + QLatin1Char('/') + relative.left(slash);
-            printLine(QStringLiteral("Only in %1: %2").arg(directory, relative.mid(slash + 1)));
-            anyDifference = true;
-        } else if (!row->isDirectory() && result != KVNDiffResultSame) {
-            printLine(QStringLiteral("Files %1/%2 and %3/%4 differ").arg(original, relative, modified,
-                                                                           KVNPathBytes::displayString(right->relativePath()).mid(2)));
-            anyDifference = true;
-        } else if (row->isDirectory() && left->isDirectory() != right->isDirectory()) {
-            printLine(QStringLiteral("File %1/%2 is a %3 while file %4/%2 is a %5")
-                          .arg(original, relative, left->isDirectory() ? QStringLiteral("directory") : QStringLiteral("regular file"),
-                               modified, right->isDirectory() ? QStringLiteral("directory") : QStringLiteral("regular file")));
-            anyDifference = true;
-        }
+    if (name == "default")
+        return KVNFilterAction::ShowDefault;
+    if (name == "changed")
+        return KVNFilterAction::ShowDifferent;
+    if (name == "single")
+        return KVNFilterAction::ShowSingle;
+    if (name == "same")
+        return KVNFilterAction::ShowSame;
+    if (name == "all")
+        return KVNFilterAction::ShowAll;
+    return std::nullopt;
+}
+
+bool isDirectory(const QByteArray &path)
+{
+    struct stat info;
+    return ::stat(path.constData(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// Runs the event loop until the document has finished its run, showing
+// progress on a terminal.
+void runToCompletion(KVNDirCompDocument &document)
+{
+    QEventLoop loop;
+    document.setRunCompletedHandler([&loop] { loop.quit(); });
+    QTimer progress;
+    const bool terminal = ::isatty(STDERR_FILENO);
+    if (terminal) {
+        QObject::connect(&progress, &QTimer::timeout, [&document] {
+            std::fprintf(stderr, "\r\033[KComparing: %zu rows", document.sourceArrayController()->arrangedObjectsCount());
+        });
+        progress.start(200);
     }
-    return anyDifference;
+    document.awakeFromNib();
+    loop.exec();
+    if (terminal)
+        std::fputs("\r\033[K", stderr);
 }
 
 } // namespace
@@ -63,43 +102,98 @@ bool printReport(const KVNComparisonDriver &driver, const QString &original, con
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QList<QByteArray> paths;
+    KVNRegisterApplicationDefaults();
+    Options options;
     for (int i = 1; i < argc; ++i) {
         const QByteArray argument(argv[i]);
-        if (argument == QLatin1String("--version")) {
-            printLine(QStringLiteral(KORVANE_VERSION));
+        if (argument == "--version") {
+            writeOut(QByteArrayLiteral(KORVANE_VERSION "\n"));
             return 0;
         }
-        if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
-            printUsage();
+        if (argument == "--help" || argument == "-h") {
+            writeOut(kUsage);
             return 0;
         }
-        QByteArray path = argument;
-        while (path.size() > 1 && path.endsWith('/'))
-            path.chop(1);
-        paths << path;
-    }
-    if (paths.size() != 2) {
-        std::fprintf(stderr, "kvdiff: expected two directories; see kvdiff --help\n");
-        return 2;
-    }
-    QByteArray roots[2];
-    for (int i = 0; i < 2; ++i) {
-        // Paths stay bytes: a root whose name is not text must still work.
-        roots[i] = KVNURLAdditions::saneFilePath(paths[i]);
-        struct stat info;
-        if (roots[i].isEmpty() || ::stat(roots[i].constData(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-            std::fprintf(stderr, "kvdiff: %s: not a directory\n", paths[i].constData());
-            return 2;
+        if (argument == "--report" || argument == "--report=text") {
+            options.json = false;
+        } else if (argument == "--report=json") {
+            options.json = true;
+        } else if (argument.startsWith("--report=")) {
+            return fail(QStringLiteral("unknown report format '%1' (text or json)").arg(QString::fromLocal8Bit(argument.mid(9))));
+        } else if (argument.startsWith("--filter=")) {
+            auto filter = filterNamed(argument.mid(9));
+            if (!filter)
+                return fail(QStringLiteral("unknown filter '%1' (default, changed, single, same or all)")
+                                .arg(QString::fromLocal8Bit(argument.mid(9))));
+            options.filter = *filter;
+        } else if (argument.startsWith("--exclude=")) {
+            options.excludes << QString::fromLocal8Bit(argument.mid(10));
+        } else if (argument == "--exclude" && i + 1 < argc) {
+            options.excludes << QString::fromLocal8Bit(argv[++i]);
+        } else if (argument == "--session" && i + 1 < argc) {
+            options.session = argv[++i];
+        } else if (argument.startsWith("--session=")) {
+            options.session = argument.mid(10);
+        } else if (argument.startsWith("--") && argument != "--") {
+            return fail(QStringLiteral("unknown option '%1'; see kvdiff --help").arg(QString::fromLocal8Bit(argument)));
+        } else {
+            QByteArray path = argument;
+            while (path.size() > 1 && path.endsWith('/'))
+                path.chop(1);
+            options.paths << path;
         }
-        if (roots[i].size() > 1 && roots[i].endsWith('/'))
-            roots[i].chop(1);
     }
-    auto driver = KVNComparisonDriver::make(roots[0], roots[1]);
-    driver->setExclusionPredicate(nullptr);
-    driver->performInitialTablePopulate();
-    driver->waitUntilIdle();
-    const bool differs = printReport(*driver, KVNPathBytes::displayString(paths[0]), KVNPathBytes::displayString(paths[1]));
+
+    std::vector<KVNPredicatePtr> excludes;
+    for (const QString &text : options.excludes) {
+        const auto parsed = KVNPredicate::parse(text);
+        if (!parsed.ok())
+            return fail(QStringLiteral("bad --exclude predicate at %1: %2").arg(parsed.error->position).arg(parsed.error->message));
+        excludes.push_back(parsed.predicate);
+    }
+
+    auto document = KVNDirCompDocument::make();
+    document->setWatchesFileSystem(false);
+    if (!options.session.isEmpty()) {
+        if (!options.paths.isEmpty())
+            return fail(QStringLiteral("--session takes no directories"));
+        QFile file(QString::fromLocal8Bit(options.session));
+        if (!file.open(QIODevice::ReadOnly))
+            return fail(QStringLiteral("%1: %2").arg(QString::fromLocal8Bit(options.session), file.errorString()));
+        KVNDocumentError error;
+        if (!document->readFromData(file.readAll(), &error))
+            return fail(QStringLiteral("%1: %2").arg(QString::fromLocal8Bit(options.session), error.recoverySuggestion));
+    } else {
+        if (options.paths.size() != 2)
+            return fail(QStringLiteral("expected two directories; see kvdiff --help"));
+        for (const auto &path : options.paths)
+            if (!isDirectory(path))
+                return fail(QStringLiteral("%1: not a directory").arg(KVNPathBytes::displayString(path)));
+        document->setOriginalURL(options.paths[0], options.paths[1]);
+    }
+    // Each rule widens the exclusion in force, as the context menu's actions do.
+    for (const auto &rule : excludes) {
+        const auto current = document->exclusionPredicate();
+        document->setExclusionPredicate(current ? KVNPredicate::orPredicateWithSubpredicates({current, rule}) : rule);
+    }
+    QCoreApplication::processEvents(); // let the document see its exclusion before the run
+
+    runToCompletion(*document);
+    document->performFilterAction(options.filter);
+
+    // Text names the roots as the user did, as diff does; JSON gives them whole.
+    const bool asTyped = !options.json && options.paths.size() == 2;
+    KVNReportWriter writer(asTyped ? options.paths[0] : document->originalURL(),
+                           asTyped ? options.paths[1] : document->modifiedURL());
+    const auto rows = KVNReportWriter::visibleRows(*document);
+    if (options.json) {
+        writeOut(QJsonDocument(writer.json(rows)).toJson(QJsonDocument::Compact) + '\n');
+    } else {
+        for (const auto &row : rows)
+            writeOut(writer.textLine(row.element).toUtf8() + '\n');
+    }
     std::fflush(stdout);
+    const bool differs = KVNReportWriter::hasDifferences(*document);
+    document->goodByeKiss();
     return differs ? 1 : 0;
 }

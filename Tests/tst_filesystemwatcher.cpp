@@ -1,0 +1,334 @@
+// ctest-label: concurrency
+// The directory watcher on real trees with a real event loop: which
+// directories are reported, how changes are paced, and what happens at the
+// edges (roots going away, odd names, the system's watch limit, overflow).
+#include "KVNFileSystemWatcher.h"
+
+#include <QElapsedTimer>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <atomic>
+#include <thread>
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using Event = KVNFileSystemWatcher::Event;
+
+namespace {
+
+void makeDir(const QByteArray &path)
+{
+    QVERIFY2(::mkdir(path.constData(), 0755) == 0, path.constData());
+}
+
+bool append(const QByteArray &path)
+{
+    const int fd = ::open(path.constData(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0644);
+    const bool ok = fd >= 0 && ::write(fd, "x", 1) == 1;
+    if (fd >= 0)
+        ::close(fd);
+    return ok;
+}
+
+void touch(const QByteArray &path)
+{
+    QVERIFY2(append(path), path.constData());
+}
+
+void removeTree(const QByteArray &path)
+{
+    ::nftw(path.constData(), [](const char *p, const struct stat *, int, FTW *) { return ::remove(p); }, 16,
+           FTW_DEPTH | FTW_PHYS);
+}
+
+QStringList warnings;
+void collectWarnings(QtMsgType type, const QMessageLogContext &, const QString &message)
+{
+    if (type == QtWarningMsg)
+        warnings << message;
+}
+
+// A watcher over two fresh roots that records every batch it delivers.
+struct Watched {
+    QTemporaryDir tmp;
+    QByteArray left = QFile::encodeName(tmp.path()) + "/left";
+    QByteArray right = QFile::encodeName(tmp.path()) + "/right";
+    std::vector<std::vector<Event>> batches;
+    std::vector<qint64> arrivals; // ms since clock started
+    QElapsedTimer clock;
+    std::unique_ptr<KVNFileSystemWatcher> watcher;
+
+    explicit Watched(std::chrono::milliseconds latency = 500ms)
+    {
+        ::mkdir(left.constData(), 0755);
+        ::mkdir(right.constData(), 0755);
+        watcher = std::make_unique<KVNFileSystemWatcher>([this](const std::vector<Event> &batch) {
+            batches.push_back(batch);
+            arrivals.push_back(clock.elapsed());
+        });
+        watcher->setLatency(latency);
+        clock.start();
+    }
+    bool start() { return watcher->start({left, right}); }
+    QList<QByteArray> paths() const
+    {
+        QList<QByteArray> all;
+        for (const auto &batch : batches)
+            for (const auto &event : batch)
+                all << event.path;
+        return all;
+    }
+    bool saw(const QByteArray &path) const { return paths().contains(path); }
+};
+
+} // namespace
+
+class TestFileSystemWatcher : public QObject {
+    Q_OBJECT
+
+private slots:
+    void reportsTheDirectoryThatChanged()
+    {
+        Watched w(3000ms);
+        makeDir(w.right + "/a");
+        makeDir(w.right + "/a/b");
+        touch(w.left + "/before-start");
+        QVERIFY(w.start());
+        QTest::qWait(200);
+        QVERIFY2(w.batches.empty(), "a change before start() was reported");
+
+        const qint64 changed = w.clock.elapsed();
+        touch(w.left + "/file");
+        QTRY_COMPARE_WITH_TIMEOUT(w.batches.size(), std::size_t(1), 2000);
+        QCOMPARE(w.paths(), QList<QByteArray>{w.left});
+        QVERIFY2(w.arrivals[0] - changed < 1500, "the first change after a quiet spell waited for the latency");
+        QCOMPARE(w.watcher->latestEventId(), w.batches[0].back().id);
+
+        touch(w.right + "/a/b/deep");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.right + "/a/b"), 8000);
+        QVERIFY(!w.saw(w.right));
+    }
+
+    void followsDirectoriesAsTheyComeAndGo()
+    {
+        Watched w;
+        QTemporaryDir outside;
+        QVERIFY(w.start());
+        const std::size_t initial = w.watcher->watchCount();
+
+        // Created and filled before the watcher can have seen the directory.
+        makeDir(w.left + "/new");
+        touch(w.left + "/new/early");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left) && w.saw(w.left + "/new"), 5000);
+        QCOMPARE(w.watcher->watchCount(), initial + 1);
+        ::mkdir((w.left + "/new/x").constData(), 0755);
+        ::mkdir((w.left + "/new/x/y").constData(), 0755);
+        touch(w.left + "/new/x/y/z");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left + "/new/x/y"), 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(w.watcher->watchCount(), initial + 3, 5000);
+
+        // Renamed within the tree: the watches follow, under the new name.
+        QCOMPARE(::rename((w.left + "/new").constData(), (w.right + "/moved").constData()), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.right), 5000);
+        w.batches.clear();
+        touch(w.right + "/moved/x/y/again");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.right + "/moved/x/y"), 5000);
+        QCOMPARE(w.watcher->watchCount(), initial + 3);
+
+        // Moved out of the roots: released, and no longer heard.
+        const QByteArray away = QFile::encodeName(outside.path()) + "/away";
+        QCOMPARE(::rename((w.right + "/moved").constData(), away.constData()), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(w.watcher->watchCount(), initial, 5000);
+        QTest::qWait(600);
+        w.batches.clear();
+        touch(away + "/x/y/unheard");
+        makeDir(w.left + "/gone");
+        makeDir(w.left + "/gone/inner");
+        QTRY_COMPARE_WITH_TIMEOUT(w.watcher->watchCount(), initial + 2, 5000);
+        removeTree(w.left + "/gone");
+        QTRY_COMPARE_WITH_TIMEOUT(w.watcher->watchCount(), initial, 5000);
+        QTest::qWait(600);
+        QCOMPARE(w.paths(), QList<QByteArray>{w.left});
+    }
+
+    void coalescesABurstIntoOneBatch()
+    {
+        Watched w(1000ms);
+        for (int i = 0; i < 100; ++i)
+            ::mkdir((w.left + "/d" + QByteArray::number(i)).constData(), 0755);
+        QVERIFY(w.start());
+        touch(w.left + "/first");
+        QTRY_COMPARE_WITH_TIMEOUT(w.batches.size(), std::size_t(1), 2000);
+
+        // 101 changes from another thread, far quicker than the latency; d5 twice.
+        std::atomic<int> written = 0;
+        std::thread writer([&] {
+            for (int i = 0; i < 100; ++i)
+                written += append(w.left + "/d" + QByteArray::number(i) + "/f");
+            written += append(w.left + "/d5/f");
+        });
+        writer.join();
+        QCOMPARE(written.load(), 101);
+        QTRY_COMPARE_WITH_TIMEOUT(w.batches.size(), std::size_t(2), 5000);
+        QVERIFY2(w.arrivals[1] - w.arrivals[0] >= 900, "the second batch came before the latency had passed");
+        QTest::qWait(1500);
+        QCOMPARE(w.batches.size(), std::size_t(2));
+
+        const auto &batch = w.batches[1];
+        QCOMPARE(batch.size(), std::size_t(100));
+        QCOMPARE(batch.back().path, w.left + "/d5"); // its latest change decides its place
+        QCOMPARE(batch.front().path, w.left + "/d0");
+        uint64_t previous = w.batches[0].back().id;
+        for (const Event &event : batch) {
+            QVERIFY(event.id > previous);
+            previous = event.id;
+        }
+        QCOMPARE(w.watcher->latestEventId(), previous);
+    }
+
+    void stopsCleanlyAndKeepsCounting()
+    {
+        Watched w(2000ms);
+        QVERIFY(w.start());
+        QVERIFY(w.start()); // running already: nothing changes
+        touch(w.left + "/one");
+        QTRY_COMPARE_WITH_TIMEOUT(w.batches.size(), std::size_t(1), 2000);
+        const uint64_t firstId = w.batches[0].back().id;
+
+        touch(w.left + "/pending"); // held back by the latency when stop() comes
+        QTest::qWait(200);
+        w.watcher->stop();
+        w.watcher->stop();
+        QVERIFY(!w.watcher->isRunning());
+        QCOMPARE(w.watcher->watchCount(), std::size_t(0));
+        touch(w.left + "/stopped");
+        QTest::qWait(2500);
+        QCOMPARE(w.batches.size(), std::size_t(1));
+
+        // A new run reports at once and continues the ids.
+        QVERIFY(w.start());
+        touch(w.right + "/two");
+        QTRY_COMPARE_WITH_TIMEOUT(w.batches.size(), std::size_t(2), 1500);
+        QCOMPARE(w.paths().last(), w.right);
+        QVERIFY(w.batches[1].front().id > firstId);
+
+        // The owner may delete the watcher from within its own callback.
+        w.watcher->setCallback([&](const std::vector<Event> &batch) {
+            w.batches.push_back(batch);
+            w.watcher.reset();
+        });
+        touch(w.left + "/three");
+        QTRY_VERIFY_WITH_TIMEOUT(!w.watcher, 5000);
+        QCOMPARE(w.batches.size(), std::size_t(3));
+    }
+
+    void reportsRootsThatGoAway()
+    {
+        Watched w;
+        QVERIFY(w.start());
+        const QByteArray renamed = w.left + "-renamed";
+        QCOMPARE(::rename(w.left.constData(), renamed.constData()), 0);
+        removeTree(w.right);
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left) && w.saw(w.right), 5000);
+        QTest::qWait(600);
+        w.batches.clear();
+        touch(renamed + "/after"); // its watches went with the name
+        QTest::qWait(1200);
+        QVERIFY(w.batches.empty());
+
+        // A root that comes back is watched again.
+        w.batches.clear();
+        makeDir(w.right);
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.right), 5000);
+        QTest::qWait(600);
+        w.batches.clear();
+        makeDir(w.right + "/sub");
+        touch(w.right + "/sub/f");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.right + "/sub"), 5000);
+    }
+
+    void keepsNamesAsBytes()
+    {
+        Watched w;
+        const QByteArray latin1 = w.left + "/caf\xe9";
+        makeDir(latin1);
+        QVERIFY(w.start());
+        touch(latin1 + "/f");
+        const QByteArray fresh = w.right + "/\xff\xfe";
+        makeDir(fresh);
+        touch(fresh + "/g");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(latin1) && w.saw(fresh), 5000);
+    }
+
+    void degradesOnceAtTheWatchLimit()
+    {
+        warnings.clear();
+        const QtMessageHandler previous = qInstallMessageHandler(collectWarnings);
+        auto restore = qScopeGuard([previous] { qInstallMessageHandler(previous); });
+        Watched w;
+        for (const char *sub : {"/a", "/b", "/c"})
+            makeDir(w.left + sub);
+        // The roots' common parent, then left, then one of its subdirectories.
+        w.watcher->setWatchLimitForTesting(3);
+        QVERIFY(w.watcher->start({w.left}));
+        QVERIFY(w.watcher->isDegraded());
+        QCOMPARE(w.watcher->watchCount(), std::size_t(3));
+        makeDir(w.left + "/d");
+        touch(w.left + "/file");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left), 5000);
+        w.watcher->stop();
+        QVERIFY(w.watcher->start({w.left}));
+        QVERIFY(w.watcher->isDegraded());
+        const QStringList limit = warnings.filter("fs.inotify.max_user_watches");
+        QCOMPARE(limit.size(), 1);
+        QVERIFY(limit[0].startsWith("Watching is incomplete"));
+    }
+
+    void overflowReportsEveryRoot()
+    {
+        Watched w;
+        makeDir(w.left + "/busy");
+        QVERIFY(w.start());
+        // Alternating names defeat the kernel's merging of equal events, so
+        // the queue (16384 by default) overflows before we read it.
+        const int fds[2] = {::open((w.left + "/busy/a").constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644),
+                            ::open((w.left + "/busy/b").constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644)};
+        for (int i = 0; i < 40000; ++i)
+            QCOMPARE(::write(fds[i % 2], "x", 1), ssize_t(1));
+        ::close(fds[0]);
+        ::close(fds[1]);
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.right), 8000); // untouched, yet reported
+        QTest::qWait(600);
+        w.batches.clear();
+        touch(w.left + "/busy/after");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left + "/busy"), 5000);
+    }
+
+    void watchesALargeTreeQuickly()
+    {
+        Watched w;
+        for (int i = 0; i < 100; ++i) {
+            const QByteArray top = w.left + "/t" + QByteArray::number(i);
+            ::mkdir(top.constData(), 0755);
+            for (int j = 0; j < 99; ++j)
+                ::mkdir((top + "/s" + QByteArray::number(j)).constData(), 0755);
+        }
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(w.start());
+        const qint64 ms = timer.elapsed();
+        qInfo("watching 10,000 directories took %lld ms", ms);
+        QCOMPARE(w.watcher->watchCount(), std::size_t(10000 + 3));
+        QVERIFY2(ms < 3000, "setting up the watches is far too slow");
+        touch(w.left + "/t77/s42/f");
+        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left + "/t77/s42"), 5000);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestFileSystemWatcher)
+#include "tst_filesystemwatcher.moc"
