@@ -63,7 +63,8 @@ struct Watched {
     QElapsedTimer clock;
     std::unique_ptr<KVNFileSystemWatcher> watcher;
 
-    explicit Watched(std::chrono::milliseconds latency = 500ms)
+    explicit Watched(std::chrono::milliseconds latency = 500ms, const QString &base = QDir::tempPath())
+        : tmp(base + "/tst_filesystemwatcher-XXXXXX")
     {
         ::mkdir(left.constData(), 0755);
         ::mkdir(right.constData(), 0755);
@@ -153,7 +154,8 @@ private slots:
         removeTree(w.left + "/gone");
         QTRY_COMPARE_WITH_TIMEOUT(w.watcher->watchCount(), initial, 5000);
         QTest::qWait(600);
-        QCOMPARE(w.paths(), QList<QByteArray>{w.left});
+        for (const QByteArray &path : w.paths())
+            QVERIFY2(path == w.left || path.startsWith(w.left + "/gone"), path.constData());
     }
 
     void coalescesABurstIntoOneBatch()
@@ -263,6 +265,8 @@ private slots:
         makeDir(fresh);
         touch(fresh + "/g");
         QTRY_VERIFY_WITH_TIMEOUT(w.saw(latin1) && w.saw(fresh), 5000);
+        removeTree(latin1); // QTemporaryDir cannot remove names that are not text
+        removeTree(fresh);
     }
 
     void degradesOnceAtTheWatchLimit()
@@ -311,7 +315,8 @@ private slots:
 
     void watchesALargeTreeQuickly()
     {
-        Watched w;
+        // In memory where there is some: the point is our cost, not the disk's.
+        Watched w(500ms, QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm") : QDir::tempPath());
         for (int i = 0; i < 100; ++i) {
             const QByteArray top = w.left + "/t" + QByteArray::number(i);
             ::mkdir(top.constData(), 0755);

@@ -146,6 +146,7 @@ private:
     uint64_t root_ = 0;
     mutable std::vector<bool> inProgress_;
     mutable QHash<uint64_t, QStringList> classCache_;
+    mutable uint64_t work_ = 0;
 };
 
 // Writes a keyed archive in the platform's order: an object gets its UID when

@@ -1,8 +1,8 @@
-// Runs one comparison through the headless driver and prints every row, so
+// Runs one comparison through a headless document and prints every row, so
 // that tests can run a comparison in a process of its own (for example as an
 // unprivileged user). Line format, tab-separated:
 //   path  left-result|-  right-result|-  row-result  direction
-#include "KVNComparisonDriver.h"
+#include "KVNDirCompDocument.h"
 #include "KVNDiffResult.h"
 
 #include <QCoreApplication>
@@ -17,10 +17,14 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: kvn_compare_probe ORIGINAL MODIFIED\n");
         return 2;
     }
-    auto driver = KVNComparisonDriver::make(QByteArray(argv[1]), QByteArray(argv[2]));
-    driver->performInitialTablePopulate();
-    driver->waitUntilIdle();
-    for (const auto &row : driver->sourceArrayController()->arrangedObjects()) {
+    auto document = KVNDirCompDocument::make();
+    document->setWatchesFileSystem(false);
+    document->setOriginalURL(QByteArray(argv[1]), QByteArray(argv[2]));
+    document->setExclusionPredicate(nullptr);
+    document->setRunCompletedHandler([] { QCoreApplication::quit(); });
+    document->performInitialTablePopulate();
+    app.exec();
+    for (const auto &row : document->sourceArrayController()->arrangedObjects()) {
         auto left = row->leftNode();
         auto right = row->rightNode();
         const QByteArray line = row->displayRelativePath().toUtf8() + '\t' +

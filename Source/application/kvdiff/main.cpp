@@ -1,13 +1,13 @@
 // kvdiff: compares two directories, or a saved session, from the command line.
 #include "KVNDirCompDocument.h"
 #include "KVNPathBytes.h"
+#include "KVNLiveReport.h"
 #include "KVNReportWriter.h"
 #include "KVNUserDefaults.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFile>
-#include <QJsonDocument>
 #include <QTimer>
 
 #include <cstdio>
@@ -31,6 +31,7 @@ int fail(const QString &message)
 const char *kUsage =
     "usage: kvdiff [--report[=text|json]] [--filter=default|changed|single|same|all]\n"
     "              [--exclude=PREDICATE]... ORIGINAL MODIFIED\n"
+    "       kvdiff --watch[=text|json] [--until-eof] [options] ORIGINAL MODIFIED\n"
     "       kvdiff [options] --session FILE\n"
     "       kvdiff --version | --help\n"
     "\n"
@@ -44,12 +45,18 @@ const char *kUsage =
     "                      'spotlightItemFSName LIKE[c] \"*.o\"'; widens the exclusion in\n"
     "                      force (the default, or the session's) and may be repeated\n"
     "  --session FILE      compare what a saved session names, under its exclusion\n"
+    "  --watch[=FORMAT]    print the report, then keep watching both trees and print\n"
+    "                      it again after every change: JSON Lines, or for text the\n"
+    "                      lines that changed, prefixed + and -; ends on Ctrl-C\n"
+    "  --until-eof         with --watch, also end when standard input ends\n"
     "\n"
     "Exit status: 0 when nothing differs or stands on one side, 1 when something\n"
     "does, 2 on trouble.\n";
 
 struct Options {
     bool json = false;
+    bool watch = false;
+    bool untilEndOfInput = false;
     KVNFilterAction filter = KVNFilterAction::ShowDefault;
     QStringList excludes;
     QByteArray session;
@@ -114,7 +121,12 @@ int main(int argc, char **argv)
             writeOut(kUsage);
             return 0;
         }
-        if (argument == "--report" || argument == "--report=text") {
+        if (argument == "--watch" || argument == "--watch=text" || argument == "--watch=json") {
+            options.watch = true;
+            options.json = argument == "--watch=json";
+        } else if (argument == "--until-eof") {
+            options.untilEndOfInput = true;
+        } else if (argument == "--report" || argument == "--report=text") {
             options.json = false;
         } else if (argument == "--report=json") {
             options.json = true;
@@ -153,7 +165,7 @@ int main(int argc, char **argv)
     }
 
     auto document = KVNDirCompDocument::make();
-    document->setWatchesFileSystem(false);
+    document->setWatchesFileSystem(options.watch);
     if (!options.session.isEmpty()) {
         if (!options.paths.isEmpty())
             return fail(QStringLiteral("--session takes no directories"));
@@ -179,21 +191,19 @@ int main(int argc, char **argv)
     QCoreApplication::processEvents(); // let the document see its exclusion before the run
 
     runToCompletion(*document);
-    document->performFilterAction(options.filter);
 
     // Text names the roots as the user did, as diff does; JSON gives them whole.
     const bool asTyped = !options.json && options.paths.size() == 2;
     KVNReportWriter writer(asTyped ? options.paths[0] : document->originalURL(),
                            asTyped ? options.paths[1] : document->modifiedURL());
-    const auto rows = KVNReportWriter::visibleRows(*document);
-    if (options.json) {
-        writeOut(QJsonDocument(writer.json(rows)).toJson(QJsonDocument::Compact) + '\n');
-    } else {
-        for (const auto &row : rows)
-            writeOut(writer.textLine(row.element).toUtf8() + '\n');
+    KVNLiveReport report(document, writer, options.json, options.filter);
+    report.printReport();
+    if (options.watch) {
+        document->setRunCompletedHandler([&report] { report.printReport(); });
+        KVNRunUntilInterrupted(options.untilEndOfInput);
+        document->setRunCompletedHandler(nullptr);
     }
-    std::fflush(stdout);
-    const bool differs = KVNReportWriter::hasDifferences(*document);
+    const bool differs = report.lastReportDiffers();
     document->goodByeKiss();
     return differs ? 1 : 0;
 }
