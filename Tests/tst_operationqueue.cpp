@@ -78,7 +78,7 @@ struct ConcurrencyMeter {
 };
 
 // A queue a failed test must leave behind; reachable, so no leak is reported.
-KVNOperationQueue *abandonedQueue = nullptr;
+KVNOperationQueue *volatile abandonedQueue = nullptr;
 
 KVNOperationPtr op(std::function<void()> body)
 {

@@ -7,6 +7,8 @@
 
 #include <QtTest>
 
+#include <optional>
+
 namespace {
 
 const QString kLogExclusion = QStringLiteral("spotlightItemFSName LIKE[c] \"*.log\"");
@@ -14,7 +16,8 @@ const QString kLogExclusion = QStringLiteral("spotlightItemFSName LIKE[c] \"*.lo
 KVNPredicatePtr predicate(const QString &format)
 {
     auto parsed = KVNPredicate::predicateWithFormat(format);
-    Q_ASSERT(parsed);
+    if (!parsed)
+        qFatal("malformed predicate in test: %s", qPrintable(format));
     return parsed;
 }
 

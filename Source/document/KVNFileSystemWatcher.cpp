@@ -14,6 +14,7 @@ KVNFileSystemWatcher::KVNFileSystemWatcher(Callback callback, QObject *parent)
     , callback_(std::move(callback))
 {
     timer_.setSingleShot(true);
+    timer_.setTimerType(Qt::PreciseTimer); // "the latency has passed" should not come early
     connect(&timer_, &QTimer::timeout, this, &KVNFileSystemWatcher::deliver);
 }
 

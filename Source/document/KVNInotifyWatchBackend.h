@@ -87,5 +87,6 @@ private:
     // Watches already renamed in place, waiting for their IN_MOVE_SELF.
     std::vector<int> movedWithin_;
     std::function<void(const QByteArray &)> limitHandler_;
-    std::vector<char> buffer_;
+    std::vector<char> buffer_;  // inotify records
+    std::vector<char> listing_; // directory entries; separate, as a listing runs while records are handled
 };

@@ -372,7 +372,7 @@ KVNKeyedUnarchiver::KVNKeyedUnarchiver(const QByteArray &data) : reader_(data)
                  .arg(KVNPlistObject::typeName(top.type)));
 
     auto topValue = [&](const char *key, Type type) {
-        const auto index = reader_.dictionaryValue(top, QLatin1String(key));
+        const auto index = reader_.dictionaryValue(top, QString::fromLatin1(key));
         if (!index)
             fail(QStringLiteral("not a keyed archive: %1 is missing").arg(QLatin1String(key)));
         KVNPlistObject value = reader_.object(*index);

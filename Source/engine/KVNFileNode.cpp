@@ -395,14 +395,18 @@ void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
     if (!observers_)
         return;
     auto &list = observers_->list;
-    for (auto it = list.begin(); it != list.end(); ++it) {
-        auto locked = it->lock();
-        if (!locked || locked.get() == observer) {
-            list.erase(it);
-            break;
+    // One entry for this observer goes, and dead entries with it.
+    bool removed = false;
+    std::erase_if(list, [&](const std::weak_ptr<KVNNodeObserver> &weak) {
+        auto locked = weak.lock();
+        if (!locked)
+            return true;
+        if (!removed && locked.get() == observer) {
+            removed = true;
+            return true;
         }
-    }
-    std::erase_if(list, [](const std::weak_ptr<KVNNodeObserver> &w) { return w.expired(); });
+        return false;
+    });
     if (list.empty())
         observers_.reset();
 }

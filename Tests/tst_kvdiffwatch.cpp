@@ -1,0 +1,140 @@
+// ctest-label: concurrency
+// kvdiff --watch as a script uses it: a live comparison in another process,
+// changed from here, read line by line, stopped by end of input or a signal.
+#include "KVNTestTree.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTest>
+
+#include <csignal>
+
+class TestKvdiffWatch : public QObject {
+    Q_OBJECT
+
+    struct Watch {
+        QProcess process;
+        QList<QJsonObject> reports;
+
+        void start(const QStringList &arguments)
+        {
+            process.start(QStringLiteral(KVDIFF_BINARY), arguments);
+            QVERIFY(process.waitForStarted());
+        }
+        // Waits for the report with the given sequence number.
+        bool waitFor(int sequence, int timeoutMs = 30000)
+        {
+            QElapsedTimer clock;
+            clock.start();
+            while (reports.size() < sequence && clock.elapsed() < timeoutMs) {
+                if (!process.canReadLine())
+                    process.waitForReadyRead(200);
+                while (process.canReadLine())
+                    reports << QJsonDocument::fromJson(process.readLine()).object();
+            }
+            return reports.size() >= sequence;
+        }
+        QStringList paths(int sequence) const
+        {
+            QStringList list;
+            for (const auto &row : reports[sequence - 1].value("rows").toArray())
+                list << row.toObject().value("path").toString();
+            return list;
+        }
+    };
+
+private slots:
+    void updatesFollowTheDisk()
+    {
+        KVNTestTree left, right;
+        left.file("docs/a.txt", "a");
+        right.file("docs/a.txt", "a");
+        left.file("docs/z.txt", "z");
+        right.file("docs/z.txt", "z");
+        Watch watch;
+        watch.start({"--watch=json", "--filter=all", "--until-eof", QString::fromLocal8Bit(left.root()),
+                     QString::fromLocal8Bit(right.root())});
+        QVERIFY(watch.waitFor(1));
+        QCOMPARE(watch.reports[0].value("sequence").toInt(), 1);
+        QCOMPARE(watch.paths(1), QStringList({"./docs", "./docs/a.txt", "./docs/z.txt"}));
+
+        // A new file under an existing directory stands at the end of it, not sorted in.
+        right.file("docs/m.txt", "m");
+        QVERIFY(watch.waitFor(2));
+        QCOMPARE(watch.reports[1].value("sequence").toInt(), 2);
+        QVERIFY(watch.reports[1].value("trigger").toString().endsWith("/docs"));
+        QCOMPARE(watch.paths(2), QStringList({"./docs", "./docs/a.txt", "./docs/z.txt", "./docs/m.txt"}));
+
+        // An edit that keeps the date is not seen; a touched file is compared again.
+        right.file("docs/a.txt", "A", 1700000000);
+        QVERIFY(watch.waitFor(3));
+        const auto rowA = [&](int sequence) {
+            for (const auto &row : watch.reports[sequence - 1].value("rows").toArray())
+                if (row.toObject().value("path") == QStringLiteral("./docs/a.txt"))
+                    return row.toObject();
+            return QJsonObject();
+        };
+        QCOMPARE(rowA(3).value("result").toString(), QStringLiteral("same"));
+        right.setMtime("docs/a.txt", 1700000500);
+        QVERIFY(watch.waitFor(4));
+        QCOMPARE(rowA(4).value("result").toString(), QStringLiteral("different"));
+
+        // End of input ends it cleanly, with the status of the last report.
+        watch.process.closeWriteChannel();
+        QVERIFY(watch.process.waitForFinished(30000));
+        QCOMPARE(watch.process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(watch.process.exitCode(), 1);
+    }
+
+    void excludedNamesDoNotTrigger()
+    {
+        KVNTestTree left, right;
+        left.file("keep", "k");
+        right.file("keep", "k");
+        left.dir("skip.tmp");
+        right.dir("skip.tmp");
+        Watch watch;
+        watch.start({"--watch=json", "--exclude=spotlightItemFSName ENDSWITH '.tmp'", QString::fromLocal8Bit(left.root()),
+                     QString::fromLocal8Bit(right.root())});
+        QVERIFY(watch.waitFor(1));
+        QCOMPARE(watch.process.state(), QProcess::Running);
+        right.file("skip.tmp/inner", "x"); // its event names the excluded directory
+        QVERIFY(!watch.waitFor(2, 6000));
+        right.file("visible", "v");
+        QVERIFY(watch.waitFor(2));
+        QVERIFY(watch.reports[1].value("trigger").toString().endsWith(QString::fromLocal8Bit(right.root())));
+        ::kill(pid_t(watch.process.processId()), SIGTERM);
+        QVERIFY(watch.process.waitForFinished(30000));
+        QCOMPARE(watch.process.exitStatus(), QProcess::NormalExit);
+        // The last report has an extra file on one side.
+        QCOMPARE(watch.process.exitCode(), 1);
+        QVERIFY(watch.process.readAllStandardOutput().isEmpty()); // no partial line after the signal
+    }
+
+    void textShowsOnlyWhatChanged()
+    {
+        KVNTestTree left, right;
+        left.file("same", "s");
+        right.file("same", "s");
+        QProcess process;
+        process.start(QStringLiteral(KVDIFF_BINARY), {"--watch", "--until-eof", QString::fromLocal8Bit(left.root()),
+                                                      QString::fromLocal8Bit(right.root())});
+        QVERIFY(process.waitForStarted());
+        QTest::qWait(1500);
+        QVERIFY(process.readAllStandardOutput().isEmpty()); // nothing differs: the default filter shows nothing
+        right.file("added", "a");
+        QByteArray out;
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains(": added\n"), 30000);
+        QVERIFY(out.startsWith("@ "));
+        QVERIFY(out.contains("\n+ Only in "));
+        process.closeWriteChannel();
+        QVERIFY(process.waitForFinished(30000));
+        QCOMPARE(process.exitCode(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestKvdiffWatch)
+#include "tst_kvdiffwatch.moc"
