@@ -47,7 +47,7 @@ private slots:
         KVNTestTree left, right;
         auto c = KVNTestComparison::run(left, right);
         QVERIFY(c.rows.empty());
-        QCOMPARE(c.driver->completedRuns(), 1);
+        QCOMPARE(c.document->completedRuns(), 1);
     }
 
     void contentsDecideRegularFiles()

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <fcntl.h>
 #include <ftw.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -61,7 +62,11 @@ struct Watched {
         watcher->setLatency(latency);
         clock.start();
     }
-    ~Watched() { removeTree(QFile::encodeName(tmp.path())); } // QTemporaryDir stops at names that are not text
+    ~Watched()
+    {
+        watcher.reset();
+        removeTree(QFile::encodeName(tmp.path())); // QTemporaryDir stops at names that are not text
+    }
     bool start() { return watcher->start({left, right}); }
     QList<QByteArray> paths() const
     {
@@ -269,6 +274,19 @@ private slots:
         const QStringList limit = warnings.filter("fs.inotify.max_user_watches");
         QCOMPARE(limit.size(), 1);
         QVERIFY(limit[0].startsWith("Watching is incomplete"));
+
+        // No instance at all: with no descriptor left, watching is off, once said.
+        KVNFileSystemWatcher other;
+        rlimit files;
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &files), 0);
+        const int lowestFree = ::dup(0);
+        ::close(lowestFree);
+        const rlimit tight{rlim_t(lowestFree), files.rlim_max};
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+        const bool started[2] = {other.start({w.left}), other.start({w.left})};
+        ::setrlimit(RLIMIT_NOFILE, &files);
+        QVERIFY(!started[0] && !started[1] && !other.isRunning() && other.isDegraded());
+        QCOMPARE(warnings.filter("fs.inotify.max_user_instances").size(), 1);
     }
 
     void overflowReportsEveryRoot()

@@ -11,6 +11,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <cstdio>
 
 class TestKvdiffWatch : public QObject {
     Q_OBJECT
@@ -69,7 +70,10 @@ private slots:
         QCOMPARE(watch.paths(2), QStringList({"./docs", "./docs/a.txt", "./docs/z.txt", "./docs/m.txt"}));
 
         // An edit that keeps the date is not seen; a touched file is compared again.
-        right.file("docs/a.txt", "A", 1700000000);
+        // Written beside the tree and moved in whole, so no scan can see it half done.
+        KVNTestTree scratch;
+        scratch.file("a.txt", "A", 1700000000);
+        QVERIFY(::rename(scratch.path("a.txt").constData(), right.path("docs/a.txt").constData()) == 0);
         QVERIFY(watch.waitFor(3));
         const auto rowA = [&](int sequence) {
             for (const auto &row : watch.reports[sequence - 1].value("rows").toArray())

@@ -131,7 +131,7 @@ void TestReconciliation::emptyRecompareSetStillReports()
     auto comparison = KVNTestComparison::run(left, right);
     const auto rowsBefore = comparison.rows;
     comparison.update();
-    QCOMPARE(comparison.driver->completedRuns(), 2);
+    QCOMPARE(comparison.document->completedRuns(), 2);
     QCOMPARE(comparison.rows, rowsBefore);
     QCOMPARE(KVNRowResults(comparison.row("./d")), "1 1");
 }
@@ -289,7 +289,7 @@ void TestReconciliation::fileDeletedOnBothRemovesTheRow()
     KVNReconcilePtr reconcile;
     KVNRescanUntilFinalReport(comparison, left, right, reconcile);
     QCOMPARE(reconcile->removedRowCount(), std::size_t(1));
-    QCOMPARE(comparison.driver->sourceArrayController()->arrangedObjects().size(), std::size_t(2));
+    QCOMPARE(comparison.document->sourceArrayController()->arrangedObjects().size(), std::size_t(2));
     QCOMPARE(childPaths(d), QStringList({"./d/keep"}));
     // Compared again without a reset, the folder keeps its result until the refresh.
     for (const auto &node : {d->leftNode(), d->rightNode()}) {

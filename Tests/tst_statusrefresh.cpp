@@ -97,7 +97,7 @@ void TestStatusRefresh::emptyTableStillCompletes()
     KVNTestTree left, right;
     auto comparison = KVNTestComparison::run(left, right);
     QVERIFY(comparison.rows.empty());
-    QCOMPARE(comparison.driver->completedRuns(), 1);
+    QCOMPARE(comparison.document->completedRuns(), 1);
 }
 
 void TestStatusRefresh::stepsGoBackwardsEveryHundredRows()
@@ -305,18 +305,18 @@ void TestStatusRefresh::changingExclusionTouchesDirectoriesOnly()
         if (!row->isDirectory())
             files[row->displayRelativePath()] = KVNRowResults(row);
 
-    auto &driver = *comparison.driver;
-    driver.setExclusionPredicate(predicate(kLogExclusion));
-    driver.scheduleRefreshDiffStatus();
-    driver.waitUntilIdle();
+    auto &document = *comparison.document;
+    document.setExclusionPredicate(predicate(kLogExclusion));
+    document.scheduleRefreshDiffStatus();
+    KVNWaitUntilIdle(document);
     QCOMPARE(KVNRowResults(comparison.row("./d")), "1 1");
     QCOMPARE(KVNRowResults(comparison.row("./d/e")), "1 1");
     for (const auto &[path, before] : files)
         QCOMPARE(KVNRowResults(comparison.row(path)) + ' ' + path, before + ' ' + path);
 
-    driver.setExclusionPredicate(nullptr);
-    driver.scheduleRefreshDiffStatus();
-    driver.waitUntilIdle();
+    document.setExclusionPredicate(nullptr);
+    document.scheduleRefreshDiffStatus();
+    KVNWaitUntilIdle(document);
     QCOMPARE(KVNRowResults(comparison.row("./d")), "5 5");
     QCOMPARE(KVNRowResults(comparison.row("./d/e")), "3 3");
     for (const auto &[path, before] : files)

@@ -60,7 +60,8 @@ bool KVNFileSystemWatcher::start(const QList<QByteArray> &roots)
     if (result == KVNInotifyWatchBackend::OpenResult::InstanceLimit) {
         degraded_ = true;
         reportLimit(QStringLiteral("Watching is off: the system's limit of inotify instances "
-                                   "(fs.inotify.max_user_instances) is reached; changes on disk will not be noticed."));
+                                   "(fs.inotify.max_user_instances) or of open files is reached; "
+                                   "changes on disk will not be noticed."));
         return false;
     }
     if (result != KVNInotifyWatchBackend::OpenResult::Ok) {

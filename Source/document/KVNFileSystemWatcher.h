@@ -28,7 +28,9 @@ class QSocketNotifier;
 // oldest first, and every event carries an id that rises for the whole life
 // of the watcher, across stop() and start().
 //
-// Only changes after start() count. Paths are absolute and kept as bytes.
+// Only changes after start() count. Paths are kept as bytes, absolute and
+// without a trailing slash (a root is reported in that form too).
+// The watcher belongs to the thread it lives on: call it there only.
 class KVNFileSystemWatcher : public QObject {
     Q_OBJECT
 

@@ -47,8 +47,8 @@ bool isBelowOrSame(const QByteArray &path, const QByteArray &top)
 
 QByteArray normalizedRoot(QByteArray path)
 {
-    if (path.isEmpty())
-        return path;
+    if (path.isEmpty() || path.contains('\0'))
+        return QByteArray(); // no such path; a NUL would cut it short and watch another one
     if (!path.startsWith('/')) {
         char cwd[PATH_MAX];
         if (!::getcwd(cwd, sizeof cwd))

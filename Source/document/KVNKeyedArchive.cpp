@@ -152,7 +152,8 @@ KVNPropertyListReader::KVNPropertyListReader(QByteArray data)
     const uint64_t trailer = size - 32;
     offsetSize_ = uint8_t(data_[qsizetype(trailer + 6)]);
     refSize_ = uint8_t(data_[qsizetype(trailer + 7)]);
-    auto validSize = [](unsigned s) { return s == 1 || s == 2 || s == 4 || s == 8; };
+    // Writers use the fewest bytes that hold the largest value; some use 3.
+    auto validSize = [](unsigned s) { return s >= 1 && s <= 8; };
     if (!validSize(offsetSize_) || !validSize(refSize_))
         fail(QStringLiteral("the binary property list's trailer is damaged (offset size %1, reference size %2)")
                  .arg(offsetSize_)

@@ -19,14 +19,14 @@ inline void KVNRescanUntilFinalReport(KVNTestComparison &comparison, const KVNTe
                                       const KVNTestTree &right, KVNReconcilePtr &reconcile)
 {
     auto probe = std::make_shared<KVNFinalProbe>();
-    auto &queue = comparison.driver->refreshOperationQueue();
+    auto &queue = comparison.document->refreshOperationQueue();
     auto scanLeft = KVNBuildTreeFastOperation::make(left.root());
     auto scanRight = KVNBuildTreeFastOperation::make(right.root());
     auto unbound = std::make_shared<KVNArrayController>();
     auto buildTable = std::make_shared<KVNBuildTableOperation>(scanLeft, scanRight, unbound);
     buildTable->addDependency(scanLeft);
     buildTable->addDependency(scanRight);
-    reconcile = std::make_shared<KVNDiffSourceArrayControllersOperation>(comparison.driver->sourceArrayController(),
+    reconcile = std::make_shared<KVNDiffSourceArrayControllersOperation>(comparison.document->sourceArrayController(),
                                                                         unbound, &queue, probe);
     reconcile->addDependency(buildTable);
     queue.addOperations({scanLeft, scanRight, buildTable, reconcile});
@@ -39,7 +39,7 @@ inline void KVNRescanUntilFinalReport(KVNTestComparison &comparison, const KVNTe
 // What the document does on a final report: bring the folders up to date.
 inline void KVNRefreshAndReread(KVNTestComparison &comparison)
 {
-    comparison.driver->scheduleRefreshDiffStatus();
-    comparison.driver->waitUntilIdle();
+    comparison.document->scheduleRefreshDiffStatus();
+    KVNWaitUntilIdle(*comparison.document);
     comparison.reread();
 }

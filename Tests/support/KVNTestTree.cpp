@@ -2,6 +2,7 @@
 
 #include "KVNPredicate.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QTest>
@@ -133,25 +134,28 @@ void KVNTestTree::rename(const QByteArray &from, const QByteArray &to)
 KVNTestComparison KVNTestComparison::run(const KVNTestTree &left, const KVNTestTree &right, const QString &exclusion)
 {
     KVNTestComparison comparison;
-    comparison.driver = KVNComparisonDriver::make(left.root(), right.root());
-    if (!exclusion.isEmpty())
-        comparison.driver->setExclusionPredicate(KVNPredicate::predicateWithFormat(exclusion));
-    comparison.driver->performInitialTablePopulate();
-    comparison.driver->waitUntilIdle();
+    comparison.document = KVNDirCompDocument::make();
+    comparison.document->setWatchesFileSystem(false);
+    comparison.document->setOriginalURL(left.root(), right.root());
+    comparison.document->setExclusionPredicate(exclusion.isEmpty() ? nullptr
+                                                                   : KVNPredicate::predicateWithFormat(exclusion));
+    KVNWaitUntilIdle(*comparison.document); // the exclusion is seen before the run starts
+    comparison.document->performInitialTablePopulate();
+    KVNWaitUntilIdle(*comparison.document);
     comparison.reread();
     return comparison;
 }
 
 void KVNTestComparison::update()
 {
-    driver->performTableUpdate();
-    driver->waitUntilIdle();
+    document->performTableUpdate();
+    KVNWaitUntilIdle(*document);
     reread();
 }
 
 void KVNTestComparison::reread()
 {
-    rows = driver->sourceArrayController()->arrangedObjects();
+    rows = document->sourceArrayController()->arrangedObjects();
     byPath.clear();
     for (const auto &row : rows)
         byPath[row->displayRelativePath()] = row;
@@ -169,6 +173,14 @@ QStringList KVNTestComparison::paths() const
     for (const auto &row : rows)
         list << row->displayRelativePath();
     return list;
+}
+
+void KVNWaitUntilIdle(KVNDirCompDocument &document)
+{
+    QCoreApplication::processEvents();
+    while (document.isBusy())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    QCoreApplication::processEvents();
 }
 
 int KVNRunUnprivileged(const std::function<int()> &fn)

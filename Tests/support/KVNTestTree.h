@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KVNComparisonDriver.h"
+#include "KVNDirCompDocument.h"
 #include "KVNDirDiffTableElement.h"
 
 #include <QByteArray>
@@ -37,7 +37,7 @@ private:
 
 // A finished comparison, with the rows by their display path ("./a/b").
 struct KVNTestComparison {
-    std::shared_ptr<KVNComparisonDriver> driver;
+    std::shared_ptr<KVNDirCompDocument> document;
     std::vector<KVNDirDiffTableElementPtr> rows;
     std::map<QString, KVNDirDiffTableElementPtr> byPath;
 
@@ -49,6 +49,9 @@ struct KVNTestComparison {
     KVNDirDiffTableElementPtr row(const QString &path) const; // null when absent
     QStringList paths() const; // rows in table order
 };
+
+// Runs the event loop until the document has no run pending and an empty queue.
+void KVNWaitUntilIdle(KVNDirCompDocument &document);
 
 // Runs fn in a child process with the privileges of an unprivileged user, so
 // that permissions apply even when the tests run as root. Returns the child's
