@@ -344,6 +344,8 @@ void TestDirCompDocument::stopLeavesWatchingOffUntilARunCompletes()
 
     s.doc->mergeRefresh();
     auto gate = s.addGate(true);
+    QTest::qWait(3000);
+    qInfo() << "DEBUG watching" << s.doc->isWatching() << "started" << gate->started() << "count" << s.doc->refreshOperationQueue().operationCount() << s.view.statusTexts;
     QTRY_VERIFY_WITH_TIMEOUT(!s.doc->isWatching() && gate->started(), 30000);
     s.doc->mergeCancelRefresh();
     QTRY_VERIFY_WITH_TIMEOUT(!s.doc->isBusy() && !s.doc->busyCancelling() && s.view.isSpinnerHidden(), 30000);

@@ -365,9 +365,9 @@ void compareContents(const KVNSessionContents &actual, const KVNSessionContents 
     QCOMPARE(actual.modifiedURL, expected.modifiedURL);
     QCOMPARE(actual.ancestorURL, expected.ancestorURL);
     if (!KVNPredicatesEqual(actual.exclusionPredicate, expected.exclusionPredicate))
-        QFAIL(qPrintable(QStringLiteral("predicates differ:\n  %1\n  %2")
-                             .arg(KVNPredicateFormat(actual.exclusionPredicate),
-                                  KVNPredicateFormat(expected.exclusionPredicate))));
+        QFAIL(qPrintable(
+            QStringLiteral("predicates differ:\n  %1\n  %2")
+                .arg(KVNPredicateFormat(actual.exclusionPredicate), KVNPredicateFormat(expected.exclusionPredicate))));
 }
 
 std::optional<KVNSessionContents> roundTrip(const KVNSessionContents &contents, QString *error)
@@ -387,15 +387,16 @@ QByteArray nestedNots(int depth)
         const uint64_t array = archiver.reserve();
         const uint64_t next = archiver.reserve();
         archiver.setRecord(array, {{QStringLiteral("NS.objects"), std::vector<UID>{{next}}}}, {"NSArray", "NSObject"});
-        archiver.setRecord(current,
-                           {{QStringLiteral("NSSubpredicates"), UID{array}},
-                            {QStringLiteral("NSCompoundPredicateType"), int64_t(0)}},
-                           {"NSCompoundPredicate", "NSPredicate", "NSObject"});
+        archiver.setRecord(
+            current,
+            {{QStringLiteral("NSSubpredicates"), UID{array}}, {QStringLiteral("NSCompoundPredicateType"), int64_t(0)}},
+            {"NSCompoundPredicate", "NSPredicate", "NSObject"});
         current = next;
     }
     archiver.setRecord(current, {}, {"NSTruePredicate", "NSPredicate", "NSObject"});
-    archiver.setRecord(root, {{QStringLiteral("NS.keys"), std::vector<UID>{{key}}},
-                              {QStringLiteral("NS.objects"), std::vector<UID>{{first}}}},
+    archiver.setRecord(root,
+                       {{QStringLiteral("NS.keys"), std::vector<UID>{{key}}},
+                        {QStringLiteral("NS.objects"), std::vector<UID>{{first}}}},
                        {"NSDictionary", "NSObject"});
     return archiver.binary(root);
 }
@@ -461,7 +462,10 @@ struct HandWrittenPlist {
     {
         return container(0xD0, keys + values, keys.size());
     }
-    quint32 string(const QByteArray &ascii) { return add(char(0x5F) + (char(0x12) + bigEndian(ascii.size(), 4)) + ascii); }
+    quint32 string(const QByteArray &ascii)
+    {
+        return add(char(0x5F) + (char(0x12) + bigEndian(ascii.size(), 4)) + ascii);
+    }
     quint32 integer(quint32 value) { return add(char(0x12) + bigEndian(value, 4)); }
     quint32 uid(quint32 value) { return add(char(0x83) + bigEndian(value, 4)); }
 
@@ -498,10 +502,11 @@ QByteArray handWrittenNestedNots(quint32 depth)
     HandWrittenPlist p;
     const quint32 top = p.add();
     const quint32 objectTable = p.add();
-    const QList<quint32> topKeys = {p.string("$archiver"), p.string("$version"), p.string("$top"), p.string("$objects")};
+    const QList<quint32> topKeys = {p.string("$archiver"), p.string("$version"), p.string("$top"),
+                                    p.string("$objects")};
     const quint32 root = p.add(HandWrittenPlist::dictionary({p.string("root")}, {p.uid(1)}));
-    p.objects[top] = HandWrittenPlist::dictionary(
-        topKeys, {p.string("NSKeyedArchiver"), p.integer(100000), root, objectTable});
+    p.objects[top] =
+        HandWrittenPlist::dictionary(topKeys, {p.string("NSKeyedArchiver"), p.integer(100000), root, objectTable});
 
     const quint32 keys = p.string("NS.keys"), objects = p.string("NS.objects"), classKey = p.string("$class");
     const quint32 subpredicates = p.string("NSSubpredicates"), type = p.string("NSCompoundPredicateType");
@@ -517,9 +522,9 @@ QByteArray handWrittenNestedNots(quint32 depth)
     // list at 8 + 2i, and TRUEPREDICATE at 7 + 2 * depth.
     QList<quint32> entries = {
         p.string("$null"),
-        p.add(HandWrittenPlist::dictionary({keys, objects, classKey},
-                                           {p.add(HandWrittenPlist::array({p.uid(2)})),
-                                            p.add(HandWrittenPlist::array({p.uid(7)})), p.uid(3)})),
+        p.add(HandWrittenPlist::dictionary(
+            {keys, objects, classKey},
+            {p.add(HandWrittenPlist::array({p.uid(2)})), p.add(HandWrittenPlist::array({p.uid(7)})), p.uid(3)})),
         p.string("exclusionPredicate"),
         description({"NSDictionary", "NSObject"}),
         description({"NSCompoundPredicate", "NSPredicate", "NSObject"}),
@@ -527,10 +532,10 @@ QByteArray handWrittenNestedNots(quint32 depth)
         description({"NSTruePredicate", "NSPredicate", "NSObject"}),
     };
     for (quint32 i = 0; i < depth; ++i) {
-        entries.append(p.add(HandWrittenPlist::dictionary({subpredicates, type, classKey},
-                                                          {p.uid(8 + 2 * i), zero, p.uid(4)})));
         entries.append(
-            p.add(HandWrittenPlist::dictionary({objects, classKey}, {p.add(HandWrittenPlist::array({p.uid(9 + 2 * i)})), p.uid(5)})));
+            p.add(HandWrittenPlist::dictionary({subpredicates, type, classKey}, {p.uid(8 + 2 * i), zero, p.uid(4)})));
+        entries.append(p.add(HandWrittenPlist::dictionary(
+            {objects, classKey}, {p.add(HandWrittenPlist::array({p.uid(9 + 2 * i)})), p.uid(5)})));
     }
     entries.append(p.add(HandWrittenPlist::dictionary({classKey}, {p.uid(6)})));
     p.objects[objectTable] = HandWrittenPlist::array(entries);
@@ -586,7 +591,10 @@ void TestSessionArchive::binaryFormAndSinglePrecisionVersion()
         contents.documentVersion = version;
         const QByteArray data = KVNSessionArchive::archive(contents);
         QVERIFY(data.startsWith("bplist00"));
-        QVERIFY(data.contains(QByteArray::fromHex("223DCCCCCD")));    // 4-byte real 0.1f
+        // About 2 KB, so offsets take 2 bytes and references 1, as the platform writes them.
+        QCOMPARE(int(data[data.size() - 26]), 2);
+        QCOMPARE(int(data[data.size() - 25]), 1);
+        QVERIFY(data.contains(QByteArray::fromHex("223DCCCCCD")));          // 4-byte real 0.1f
         QVERIFY(!data.contains(QByteArray::fromHex("233FB999999999999A"))); // never the double 0.1
         QString error;
         const auto back = KVNSessionArchive::unarchive(data, &error);
@@ -605,9 +613,8 @@ void TestSessionArchive::layoutMatchesPlatformArchive()
     QCOMPARE(theirs.size(), 67);
     QCOMPARE(ours.size(), theirs.size());
     for (qsizetype i = 0; i < ours.size(); ++i)
-        QVERIFY2(ours[i] == theirs[i], qPrintable(QStringLiteral("entry %1:\n  ours   %2\n  theirs %3")
-                                                      .arg(i)
-                                                      .arg(ours[i], theirs[i])));
+        QVERIFY2(ours[i] == theirs[i],
+                 qPrintable(QStringLiteral("entry %1:\n  ours   %2\n  theirs %3").arg(i).arg(ours[i], theirs[i])));
     QCOMPARE(ours[1], QStringLiteral(R"({"$class": @66, "NS.keys": [@2, @3, @4, @5, @6, @7], )"
                                      R"("NS.objects": [@8, @9, @10, @13, @15, @17]})"));
 }
@@ -642,8 +649,9 @@ void TestSessionArchive::nestedExclusionLayout()
     QCOMPARE(d[75], QStringLiteral(R"(".log")"));
     QCOMPARE(d[76], QStringLiteral(R"({"$class": @77, "NSFlags": 1, "NSModifier": 0, "NSOperatorType": 9, )"
                                    R"("NSPosition": 1})"));
-    QCOMPARE(d[77], QStringLiteral(R"({"$classes": ["NSSubstringPredicateOperator", "NSStringPredicateOperator", )"
-                                   R"("NSPredicateOperator", "NSObject"], "$classname": "NSSubstringPredicateOperator"})"));
+    QCOMPARE(d[77],
+             QStringLiteral(R"({"$classes": ["NSSubstringPredicateOperator", "NSStringPredicateOperator", )"
+                            R"("NSPredicateOperator", "NSObject"], "$classname": "NSSubstringPredicateOperator"})"));
     QCOMPARE(d[83], QStringLiteral(R"("build")"));
     QCOMPARE(d[84], QStringLiteral(R"({"$class": @38, "NSFlags": 1, "NSModifier": 0, "NSOperatorType": 7})"));
     QCOMPARE(d[85], QStringLiteral(R"({"$classes": ["NSDictionary", "NSObject"], "$classname": "NSDictionary"})"));
@@ -703,7 +711,7 @@ void TestSessionArchive::fileURLs()
 void TestSessionArchive::fileURLParsing_data()
 {
     QTest::addColumn<QString>("url");
-    QTest::addColumn<QByteArray>("path");  // empty: refused
+    QTest::addColumn<QByteArray>("path"); // empty: refused
     QTest::addColumn<QString>("problem");
 
     QTest::newRow("plain") << "file:///home/ana/site%20v1/" << QByteArray("/home/ana/site v1") << QString();
@@ -784,8 +792,9 @@ void TestSessionArchive::readsPlatformArchive_data()
          edited(edited(xml, "<string>NSURL</string><string>NSObject</string></array>",
                        "<string>NSURL</string><string>NSObject</string></array><key>$classhints</key><array>"
                        "<string>NSObject</string></array>"),
-                "<key>NSCompoundPredicateType</key>", "<key>NSFutureKey</key><integer>7</integer>"
-                                                      "<key>NSCompoundPredicateType</key>"),
+                "<key>NSCompoundPredicateType</key>",
+                "<key>NSFutureKey</key><integer>7</integer>"
+                "<key>NSCompoundPredicateType</key>"),
          QString(), single, "site-v2"},
         {"extra root key",
          withEntries(edited(edited(xml, uidXml(7) + "</array>", uidXml(7) + uidXml(67) + "</array>"),
@@ -803,12 +812,11 @@ void TestSessionArchive::readsPlatformArchive_data()
                 "<string>file://" + e + "site-v2/</string>", "<string>../site%20v1/./sub/</string>"),
          QString(), single, "site v1/sub"},
         {"mutable strings",
-         withEntries(
-             edited(edited(xml, "<key>NS.relative</key>" + uidXml(14), "<key>NS.relative</key>" + uidXml(67)),
-                    "<key>NS.objects</key><array>" + uidXml(8), "<key>NS.objects</key><array>" + uidXml(69)),
-             "<dict><key>NS.string</key><string>file://" + e + "site-v2/</string><key>$class</key>" + uidXml(68) +
-                 "</dict>\n" + classXml({"NSMutableString", "NSString"}) + "\n<dict><key>NS.string</key>" +
-                 uidXml(8) + "<key>$class</key>" + uidXml(68) + "</dict>\n"),
+         withEntries(edited(edited(xml, "<key>NS.relative</key>" + uidXml(14), "<key>NS.relative</key>" + uidXml(67)),
+                            "<key>NS.objects</key><array>" + uidXml(8), "<key>NS.objects</key><array>" + uidXml(69)),
+                     "<dict><key>NS.string</key><string>file://" + e + "site-v2/</string><key>$class</key>" +
+                         uidXml(68) + "</dict>\n" + classXml({"NSMutableString", "NSString"}) +
+                         "\n<dict><key>NS.string</key>" + uidXml(8) + "<key>$class</key>" + uidXml(68) + "</dict>\n"),
          QString(), single, "site-v2"},
         {"equal strings not shared",
          withEntries(edited(xml, "<key>NSKeyPath</key>" + uidXml(26), "<key>NSKeyPath</key>" + uidXml(67), 3),
@@ -1001,15 +1009,13 @@ void TestSessionArchive::refusesMalformedArchives_data()
 
     QTest::newRow("empty") << QByteArray() << "not a property list";
     QTest::newRow("text") << QByteArray("hello, world\n") << "not a property list";
-    QTest::newRow("other binary version") << QByteArray("bplist01").append(binary.mid(8))
-                                          << "unsupported binary property list version";
+    QTest::newRow("other binary version")
+        << QByteArray("bplist01").append(binary.mid(8)) << "unsupported binary property list version";
     QTest::newRow("header only") << QByteArray("bplist00") << "truncated";
-    QTest::newRow("offset table outside") << binary.left(binary.size() - 8) + QByteArray(8, '\xFF')
-                                          << "offset table lies outside the file";
-    QTest::newRow("broken XML") << QByteArray("<plist version=\"1.0\"><dict><key>a</dict></plist>")
-                                << "does not parse";
-    QTest::newRow("not a dictionary") << QByteArray("<plist version=\"1.0\"><array/></plist>")
-                                      << "not a keyed archive";
+    QTest::newRow("offset table outside")
+        << binary.left(binary.size() - 8) + QByteArray(8, '\xFF') << "offset table lies outside the file";
+    QTest::newRow("broken XML") << QByteArray("<plist version=\"1.0\"><dict><key>a</dict></plist>") << "does not parse";
+    QTest::newRow("not a dictionary") << QByteArray("<plist version=\"1.0\"><array/></plist>") << "not a keyed archive";
 
     struct Edit {
         const char *name;
@@ -1025,17 +1031,16 @@ void TestSessionArchive::refusesMalformedArchives_data()
         {"root out of range", edited(xml, "<key>root</key>" + uidXml(1), "<key>root</key>" + uidXml(999)),
          "refers to object 999"},
         {"nil root", edited(xml, "<key>root</key>" + uidXml(1), "<key>root</key>" + uidXml(0)), "root object is nil"},
-        {"UID out of range", edited(xml, "<key>NS.objects</key><array>" + uidXml(8), "<key>NS.objects</key><array>" + uidXml(250)),
+        {"UID out of range",
+         edited(xml, "<key>NS.objects</key><array>" + uidXml(8), "<key>NS.objects</key><array>" + uidXml(250)),
          "refers to object 250"},
         {"keys and values differ", edited(xml, uidXml(7) + "</array>", "</array>"), "5 keys but 6 values"},
         {"root not a dictionary", edited(xml, classXml({"NSDictionary"}), classXml({"NSArray"})),
          "expected a dictionary"},
-        {"$class not a description",
-         edited(xml, "<key>$class</key>" + uidXml(65), "<key>$class</key>" + uidXml(18)),
+        {"$class not a description", edited(xml, "<key>$class</key>" + uidXml(65), "<key>$class</key>" + uidXml(18)),
          "is not a class description"},
         {"record without $class", edited(xml, "<key>$class</key>" + uidXml(16), ""), "has no $class"},
-        {"own class", edited(xml, "<key>$class</key>" + uidXml(23), "<key>$class</key>" + uidXml(22)),
-         "its own class"},
+        {"own class", edited(xml, "<key>$class</key>" + uidXml(23), "<key>$class</key>" + uidXml(22)), "its own class"},
         {"version a string", edited(xml, "<real>0.10000000149011612</real>", "<string>0.1</string>"),
          "documentVersion is a string, expected a number"},
         {"compound type a string",
@@ -1073,9 +1078,11 @@ void TestSessionArchive::refusesMalformedArchives_data()
          "not a comparison operator"},
         {"ANY", edited(xml, "<key>NSModifier</key><integer>0</integer>", "<key>NSModifier</key><integer>2</integer>"),
          "ANY comparisons are not supported"},
-        {"ALL", edited(xml, "<key>NSModifier</key><integer>0</integer>", "<key>NSModifier</key><integer>1</integer>", 3),
+        {"ALL",
+         edited(xml, "<key>NSModifier</key><integer>0</integer>", "<key>NSModifier</key><integer>1</integer>", 3),
          "ALL comparisons are not supported"},
-        {"locale option", edited(xml, "<key>NSFlags</key><integer>1</integer>", "<key>NSFlags</key><integer>9</integer>"),
+        {"locale option",
+         edited(xml, "<key>NSFlags</key><integer>1</integer>", "<key>NSFlags</key><integer>9</integer>"),
          "options 9 are not supported"},
         {"operator type of another class",
          edited(xml, "<key>NSOperatorType</key><integer>7</integer>", "<key>NSOperatorType</key><integer>9</integer>"),
@@ -1095,8 +1102,9 @@ void TestSessionArchive::refusesMalformedArchives_data()
          "modifiedURL: \"http://example.com/site-v2/\" is not a file URL"},
         {"remote host", edited(xml, "file://" + e + "site-v2/", "file://server/site-v2/"), "names the host"},
         {"bad escape", edited(xml, "site%20v1/", "site%2v1/"), "malformed percent escape"},
-        {"URL of the wrong class", edited(xml, "<key>NS.objects</key><array>" + uidXml(8) + uidXml(9) + uidXml(10),
-                                          "<key>NS.objects</key><array>" + uidXml(8) + uidXml(9) + uidXml(17)),
+        {"URL of the wrong class",
+         edited(xml, "<key>NS.objects</key><array>" + uidXml(8) + uidXml(9) + uidXml(10),
+                "<key>NS.objects</key><array>" + uidXml(8) + uidXml(9) + uidXml(17)),
          "originalURL is an object of class NSCompoundPredicate, expected a URL"},
         // Objects that contain themselves.
         {"predicate in its own subpredicates", edited(xml, "<array>" + uidXml(19), "<array>" + uidXml(17)),
@@ -1117,7 +1125,8 @@ void TestSessionArchive::refusesMalformedArchives_data()
     };
     for (const Edit &edit : edits) {
         QTest::addRow("%s, XML", edit.name) << edit.xml << QString::fromUtf8(edit.problem);
-        QTest::addRow("%s, binary", edit.name) << KVNPropertyListBinaryFromXml(edit.xml) << QString::fromUtf8(edit.problem);
+        QTest::addRow("%s, binary", edit.name)
+            << KVNPropertyListBinaryFromXml(edit.xml) << QString::fromUtf8(edit.problem);
     }
 }
 
@@ -1172,16 +1181,17 @@ void TestSessionArchive::refusesExponentialSharing()
         const uint64_t next = archiver.reserve();
         archiver.setRecord(array, {{QStringLiteral("NS.objects"), std::vector<UID>{{next}, {next}}}},
                            {"NSArray", "NSObject"});
-        archiver.setRecord(current,
-                           {{QStringLiteral("NSSubpredicates"), UID{array}},
-                            {QStringLiteral("NSCompoundPredicateType"), int64_t(2)}},
-                           {"NSCompoundPredicate", "NSPredicate", "NSObject"});
+        archiver.setRecord(
+            current,
+            {{QStringLiteral("NSSubpredicates"), UID{array}}, {QStringLiteral("NSCompoundPredicateType"), int64_t(2)}},
+            {"NSCompoundPredicate", "NSPredicate", "NSObject"});
         current = next;
     }
     archiver.setRecord(current, {}, {"NSFalsePredicate", "NSPredicate", "NSObject"});
-    archiver.setRecord(root, {{QStringLiteral("NS.keys"), std::vector<UID>{{key}}},
-                              {QStringLiteral("NS.objects"), std::vector<UID>{{top}}}},
-                       {"NSDictionary", "NSObject"});
+    archiver.setRecord(
+        root,
+        {{QStringLiteral("NS.keys"), std::vector<UID>{{key}}}, {QStringLiteral("NS.objects"), std::vector<UID>{{top}}}},
+        {"NSDictionary", "NSObject"});
     const auto started = std::chrono::steady_clock::now();
     QString error;
     QVERIFY(!KVNSessionArchive::unarchive(archiver.binary(root), &error));

@@ -141,6 +141,16 @@ void KVNDirCompDocument::resetSourceArrayController()
     }
 }
 
+std::tuple<KVNOperationPtr, KVNBuildTreeFastOperationPtr, KVNBuildTreeFastOperationPtr> KVNDirCompDocument::makeScans()
+{
+    auto initial = std::make_shared<KVNInitialOperation>(shared_from_this());
+    auto scanLeft = KVNBuildTreeFastOperation::make(originalURL_);
+    auto scanRight = KVNBuildTreeFastOperation::make(modifiedURL_);
+    scanLeft->addDependency(initial);
+    scanRight->addDependency(initial);
+    return {initial, scanLeft, scanRight};
+}
+
 void KVNDirCompDocument::performInitialTablePopulate()
 {
     {
@@ -154,11 +164,7 @@ void KVNDirCompDocument::performInitialTablePopulate()
     markRunStarted();
 
     auto self = shared_from_this();
-    auto initial = std::make_shared<KVNInitialOperation>(self);
-    auto scanLeft = KVNBuildTreeFastOperation::make(originalURL_);
-    auto scanRight = KVNBuildTreeFastOperation::make(modifiedURL_);
-    scanLeft->addDependency(initial);
-    scanRight->addDependency(initial);
+    auto [initial, scanLeft, scanRight] = makeScans();
     auto buildTable = std::make_shared<KVNBuildTableOperation>(scanLeft, scanRight, sourceArrayController_);
     buildTable->setDelegate(self);
     buildTable->addDependency(scanLeft);
@@ -179,11 +185,7 @@ void KVNDirCompDocument::performTableUpdate()
     markRunStarted();
 
     auto self = shared_from_this();
-    auto initial = std::make_shared<KVNInitialOperation>(self);
-    auto scanLeft = KVNBuildTreeFastOperation::make(originalURL_);
-    auto scanRight = KVNBuildTreeFastOperation::make(modifiedURL_);
-    scanLeft->addDependency(initial);
-    scanRight->addDependency(initial);
+    auto [initial, scanLeft, scanRight] = makeScans();
     auto unbound = std::make_shared<KVNArrayController>();
     // No delegate: an update does not make the rows on show flicker.
     auto buildTable = std::make_shared<KVNBuildTableOperation>(scanLeft, scanRight, unbound);

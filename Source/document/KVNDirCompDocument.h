@@ -2,6 +2,7 @@
 
 #include "KVNArrayController.h"
 #include "KVNBuildTableOperation.h"
+#include "KVNBuildTreeFastOperation.h"
 #include "KVNDirCompDocumentView.h"
 #include "KVNFinalOperation.h"
 #include "KVNInitialOperation.h"
@@ -19,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <tuple>
 
 class KVNFileSystemWatcher;
 
@@ -159,6 +161,8 @@ private:
     void observeExclusionPredicateChange();
     void fsEventCallback(const std::vector<WatchEvent> &events, uint64_t latestEventId);
     void setStatus(const QString &format);
+    // The first stage of every run: the initial operation and the two scans after it.
+    std::tuple<KVNOperationPtr, KVNBuildTreeFastOperationPtr, KVNBuildTreeFastOperationPtr> makeScans();
     void markRunStarted();
 
     KVNDirCompDocumentView *view_ = nullptr; // not owned

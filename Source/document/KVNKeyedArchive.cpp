@@ -41,6 +41,10 @@ int xmlNestingDepth(const QByteArray &xml)
     const qsizetype n = xml.size();
     int depth = 0;
     int deepest = 0;
+    auto startsAt = [&](qsizetype at, const char *prefix) {
+        const auto length = qsizetype(std::strlen(prefix));
+        return at + length <= n && std::memcmp(p + at, prefix, std::size_t(length)) == 0;
+    };
     auto skipTo = [&](qsizetype from, const char *terminator) {
         const qsizetype at = xml.indexOf(terminator, from);
         return at < 0 ? n : at + qsizetype(std::strlen(terminator));
@@ -50,9 +54,9 @@ int xmlNestingDepth(const QByteArray &xml)
             ++i;
             continue;
         }
-        if (xml.mid(i, 4) == "<!--") {
+        if (startsAt(i, "<!--")) {
             i = skipTo(i + 4, "-->");
-        } else if (xml.mid(i, 9) == "<![CDATA[") {
+        } else if (startsAt(i, "<![CDATA[")) {
             i = skipTo(i + 9, "]]>");
         } else if (i + 1 < n && p[i + 1] == '?') {
             i = skipTo(i + 2, "?>");
@@ -78,6 +82,21 @@ QString hexByte(uint8_t byte)
 }
 
 } // namespace
+
+QString KVNArchiveDisplayText(QStringView text, qsizetype maximum)
+{
+    QString shown;
+    for (qsizetype i = 0; i < text.size() && i < maximum; ++i) {
+        const char16_t c = text[i].unicode();
+        if (c < 0x20 || c == 0x7F || c == 0x2028 || c == 0x2029)
+            shown += QStringLiteral("\\u%1").arg(unsigned(c), 4, 16, QLatin1Char('0'));
+        else
+            shown += QChar(c);
+    }
+    if (text.size() > maximum)
+        shown += QChar(0x2026);
+    return shown;
+}
 
 // MARK: - KVNPlistObject
 
@@ -164,7 +183,8 @@ KVNPropertyListReader::KVNPropertyListReader(QByteArray data)
     if (count == 0 || count > std::numeric_limits<uint32_t>::max())
         fail(QStringLiteral("the binary property list claims %1 objects").arg(count));
     if (top >= count)
-        fail(QStringLiteral("the binary property list's top object %1 is not among its %2 objects").arg(top).arg(count));
+        fail(
+            QStringLiteral("the binary property list's top object %1 is not among its %2 objects").arg(top).arg(count));
     if (tableOffset_ < 9 || tableOffset_ > trailer || (trailer - tableOffset_) / offsetSize_ < count)
         fail(QStringLiteral("the binary property list is truncated or its offset table lies outside the file"));
     count_ = uint32_t(count);
@@ -385,7 +405,7 @@ KVNKeyedUnarchiver::KVNKeyedUnarchiver(const QByteArray &data) : reader_(data)
 
     const KVNPlistObject archiver = topValue("$archiver", Type::String);
     if (archiver.string != QLatin1String("NSKeyedArchiver"))
-        fail(QStringLiteral("not a keyed archive: $archiver is \"%1\"").arg(archiver.string.left(64)));
+        fail(QStringLiteral("not a keyed archive: $archiver is \"%1\"").arg(KVNArchiveDisplayText(archiver.string)));
     const KVNPlistObject version = topValue("$version", Type::Integer);
     if (version.integer != 100000)
         fail(QStringLiteral("unsupported keyed archive version %1").arg(version.integer));
@@ -477,7 +497,7 @@ KVNKeyedUnarchiver::Record KVNKeyedUnarchiver::record(uint64_t uid) const
     if (value.type != KVNPlistObject::Type::Dictionary) {
         QString what = KVNPlistObject::typeName(value.type);
         if (value.type == KVNPlistObject::Type::String)
-            what += QStringLiteral(" \"%1\"").arg(value.string.left(64));
+            what += QStringLiteral(" \"%1\"").arg(KVNArchiveDisplayText(value.string));
         fail(QStringLiteral("object %1 is a %2 where an object record was expected").arg(uid).arg(what));
     }
     Record record;
@@ -514,7 +534,7 @@ QString KVNKeyedUnarchiver::Record::firstKnownClass(const QStringList &known) co
 
 QString KVNKeyedUnarchiver::Record::label() const
 {
-    return QStringLiteral("object %1 (%2)").arg(uid_).arg(classes_.value(0));
+    return QStringLiteral("object %1 (%2)").arg(uid_).arg(KVNArchiveDisplayText(classes_.value(0)));
 }
 
 std::optional<KVNPlistObject> KVNKeyedUnarchiver::Record::field(QStringView key) const

@@ -72,6 +72,10 @@ private:
     uint64_t tableOffset_ = 0;
 };
 
+// Text from a file as an error message may show it: on one line, control
+// characters escaped, cut after maximum characters.
+QString KVNArchiveDisplayText(QStringView text, qsizetype maximum = 64);
+
 // The XML form as the binary form: what KVNPropertyListReader reads. Throws
 // KVNArchiveFailure for anything that is not a property list in XML.
 QByteArray KVNPropertyListBinaryFromXml(const QByteArray &xml);

@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <new>
 #include <unordered_map>
 
@@ -28,8 +29,8 @@ using PlistType = KVNPlistObject::Type;
     throw KVNArchiveFailure{message};
 }
 
-const char *const rootKeys[] = {"documentClass", "documentVersion",    "originalURL",
-                                "modifiedURL",   "ancestorURL",        "exclusionPredicate"};
+const char *const rootKeys[] = {"documentClass", "documentVersion", "originalURL",
+                                "modifiedURL",   "ancestorURL",     "exclusionPredicate"};
 
 // Dates in archives count from 2001-01-01; ours from 1970-01-01.
 constexpr double referenceDateOffset = 978307200.0;
@@ -41,7 +42,8 @@ constexpr int64_t compoundOr = 2;
 
 // Option bits of the platform; [n] only promises normalized text, so it
 // changes no result and is accepted and dropped.
-constexpr int64_t supportedOptions = KVNComparisonPredicate::CaseInsensitive | KVNComparisonPredicate::DiacriticInsensitive;
+constexpr int64_t supportedOptions =
+    KVNComparisonPredicate::CaseInsensitive | KVNComparisonPredicate::DiacriticInsensitive;
 constexpr int64_t normalizedOption = 4;
 
 // A class and its superclasses up to NSObject.
@@ -307,13 +309,12 @@ uint64_t SessionWriter::predicate(const KVNPredicatePtr &predicate)
             subpredicates.push_back({this->predicate(subpredicate)});
         archiver_.setRecord(array, {{QStringLiteral("NS.objects"), subpredicates}}, chain("NSArray"));
         // TRUEPREDICATE is the AND of nothing, FALSEPREDICATE the OR of nothing.
-        const int64_t type = kind == KVNPredicate::Kind::Not                                        ? compoundNot
+        const int64_t type = kind == KVNPredicate::Kind::Not                                         ? compoundNot
                              : (kind == KVNPredicate::Kind::And || kind == KVNPredicate::Kind::True) ? compoundAnd
-                                                                                                      : compoundOr;
-        archiver_.setRecord(uid,
-                            {{QStringLiteral("NSSubpredicates"), UID{array}},
-                             {QStringLiteral("NSCompoundPredicateType"), type}},
-                            chain("NSCompoundPredicate", "NSPredicate"));
+                                                                                                     : compoundOr;
+        archiver_.setRecord(
+            uid, {{QStringLiteral("NSSubpredicates"), UID{array}}, {QStringLiteral("NSCompoundPredicateType"), type}},
+            chain("NSCompoundPredicate", "NSPredicate"));
     }
     predicates_.emplace(predicate.get(), uid);
     return uid;
@@ -351,10 +352,9 @@ uint64_t SessionWriter::expression(const KVNExpression &expression)
     case KVNExpression::Kind::Constant: {
         const uint64_t uid = archiver_.reserve();
         const uint64_t value = constantValue(expression.constantValue());
-        archiver_.setRecord(uid,
-                            {{QStringLiteral("NSExpressionType"), int64_t(0)},
-                             {QStringLiteral("NSConstantValue"), UID{value}}},
-                            chain("NSConstantValueExpression", "NSExpression"));
+        archiver_.setRecord(
+            uid, {{QStringLiteral("NSExpressionType"), int64_t(0)}, {QStringLiteral("NSConstantValue"), UID{value}}},
+            chain("NSConstantValueExpression", "NSExpression"));
         return uid;
     }
     case KVNExpression::Kind::KeyPath: {
@@ -362,15 +362,15 @@ uint64_t SessionWriter::expression(const KVNExpression &expression)
         // valueForKeyPath: for a dotted path, with one key-path specifier.
         const uint64_t uid = archiver_.reserve();
         const QStringList &keys = expression.keyPathComponents();
-        const uint64_t selector =
-            archiver_.encodeString(keys.size() == 1 ? QStringLiteral("valueForKey:") : QStringLiteral("valueForKeyPath:"));
+        const uint64_t selector = archiver_.encodeString(keys.size() == 1 ? QStringLiteral("valueForKey:")
+                                                                          : QStringLiteral("valueForKeyPath:"));
         const uint64_t operand = selfExpression();
         const uint64_t arguments = archiver_.reserve();
         const uint64_t specifier = archiver_.reserve();
         const uint64_t path = archiver_.encodeString(keys.join(u'.'));
-        archiver_.setRecord(specifier,
-                            {{QStringLiteral("NSExpressionType"), int64_t(10)}, {QStringLiteral("NSKeyPath"), UID{path}}},
-                            chain("NSKeyPathSpecifierExpression", "NSExpression"));
+        archiver_.setRecord(
+            specifier, {{QStringLiteral("NSExpressionType"), int64_t(10)}, {QStringLiteral("NSKeyPath"), UID{path}}},
+            chain("NSKeyPathSpecifierExpression", "NSExpression"));
         archiver_.setRecord(arguments, {{QStringLiteral("NS.objects"), std::vector<UID>{{specifier}}}},
                             chain("NSMutableArray", "NSArray"));
         archiver_.setRecord(uid,
@@ -388,10 +388,9 @@ uint64_t SessionWriter::expression(const KVNExpression &expression)
         for (const KVNExpression &element : expression.elements())
             elements.push_back({this->expression(element)});
         archiver_.setRecord(collection, {{QStringLiteral("NS.objects"), elements}}, chain("NSArray"));
-        archiver_.setRecord(uid,
-                            {{QStringLiteral("NSExpressionType"), int64_t(14)},
-                             {QStringLiteral("NSCollection"), UID{collection}}},
-                            chain("NSAggregateExpression", "NSExpression"));
+        archiver_.setRecord(
+            uid, {{QStringLiteral("NSExpressionType"), int64_t(14)}, {QStringLiteral("NSCollection"), UID{collection}}},
+            chain("NSAggregateExpression", "NSExpression"));
         return uid;
     }
     }
@@ -487,8 +486,9 @@ private:
     std::optional<QByteArray> location(uint64_t uid, const QString &key);
     QString urlString(uint64_t uid, int depth);
     KVNPredicatePtr predicateValue(uint64_t uid);
-    Decoded predicate(uint64_t uid, int depth, const QString &what);
-    Decoded compound(const Record &record, int depth);
+    struct CompoundFrame;
+    std::optional<Decoded> open(uint64_t uid, int depth, const QString &what, std::deque<CompoundFrame> &stack);
+    Decoded predicate(uint64_t uid, const QString &what);
     Decoded comparison(const Record &record);
     KVNExpression expression(uint64_t uid, int depth, int64_t &nodes, const QString &what);
     KVNExpression keyPath(const Record &record, int depth, int64_t &nodes);
@@ -515,7 +515,8 @@ QString SessionReader::describe(uint64_t uid)
         return QStringLiteral("nil");
     const KVNPlistObject value = archive_.object(uid);
     if (value.type == PlistType::Dictionary)
-        return QStringLiteral("an object of class %1").arg(archive_.record(uid).classes().value(0));
+        return QStringLiteral("an object of class %1")
+            .arg(KVNArchiveDisplayText(archive_.record(uid).classes().value(0)));
     return QStringLiteral("a %1").arg(KVNPlistObject::typeName(value.type));
 }
 
@@ -538,7 +539,8 @@ QString SessionReader::string(uint64_t uid, const QString &what)
                 if (characters && characters->type == PlistType::String)
                     return characters->string;
                 if (characters && characters->type == PlistType::Uid) {
-                    const uint64_t inner = archive_.checkedUID(*characters, record.label() + QStringLiteral(": NS.string"));
+                    const uint64_t inner =
+                        archive_.checkedUID(*characters, record.label() + QStringLiteral(": NS.string"));
                     if (inner != 0 && archive_.object(inner).type == PlistType::String)
                         return archive_.object(inner).string;
                 }
@@ -556,7 +558,7 @@ KVNSessionContents SessionReader::read()
     const Record record = archive_.record(root);
     if (record.firstKnownClass({QStringLiteral("NSDictionary")}).isEmpty())
         fail(QStringLiteral("the archive's root is an object of class %1, expected a dictionary")
-                 .arg(record.classes().value(0)));
+                 .arg(KVNArchiveDisplayText(record.classes().value(0))));
     const auto keys = record.uidArrayField(u"NS.keys");
     const auto values = record.uidArrayField(u"NS.objects");
     if (!keys || !values)
@@ -639,7 +641,7 @@ KVNPredicatePtr SessionReader::predicateValue(uint64_t uid)
                !archive_.record(uid).firstKnownClass({QStringLiteral("NSString")}).isEmpty()) {
         text = string(uid, QStringLiteral("exclusionPredicate"));
     } else if (value.type == PlistType::Dictionary) {
-        return predicate(uid, 0, QStringLiteral("exclusionPredicate")).predicate;
+        return predicate(uid, QStringLiteral("exclusionPredicate")).predicate;
     } else {
         fail(QStringLiteral("exclusionPredicate is %1, expected a predicate, its text or NSNull").arg(describe(uid)));
     }
@@ -648,27 +650,73 @@ KVNPredicatePtr SessionReader::predicateValue(uint64_t uid)
     const auto parsed = KVNPredicate::parse(text);
     if (!parsed.ok())
         fail(QStringLiteral("exclusionPredicate: the predicate text does not parse: %1 (at character %2)")
-                 .arg(parsed.error ? parsed.error->message : QString())
+                 .arg(KVNArchiveDisplayText(parsed.error ? parsed.error->message : QString(), 200))
                  .arg(parsed.error ? parsed.error->position : 0));
     return parsed.predicate;
 }
 
-SessionReader::Decoded SessionReader::predicate(uint64_t uid, int depth, const QString &what)
+// A compound being decoded: its subpredicates are decoded one at a time from
+// an explicit stack, so that nesting costs heap, not the thread's stack.
+struct SessionReader::CompoundFrame {
+    CompoundFrame(const KVNKeyedUnarchiver &archive, const Record &record, int depth)
+        : record(record), depth(depth), visit(archive, record.uid())
+    {}
+    Record record;
+    int depth;
+    Visit visit;
+    std::optional<Visit> visitList;
+    int64_t type = 0;
+    QString what;
+    std::vector<uint64_t> elements;
+    std::size_t next = 0;
+    std::vector<KVNPredicatePtr> subpredicates;
+    int64_t nodes = 1;
+};
+
+std::optional<SessionReader::Decoded> SessionReader::open(uint64_t uid, int depth, const QString &what,
+                                                          std::deque<CompoundFrame> &stack)
 {
     if (uid == 0)
         fail(QStringLiteral("%1 is nil, expected a predicate").arg(what));
     // Shared subtrees are decoded once; their size still counts at each use.
     if (const auto it = predicates_.constFind(uid); it != predicates_.constEnd())
         return *it;
-    const Visit visit(archive_, uid);
+    {
+        // Whatever uid turns out to be, meeting it inside itself is a loop.
+        const Visit probe(archive_, uid);
+    }
     const Record record = archive_.record(uid);
     const QString kind =
         record.firstKnownClass({QStringLiteral("NSComparisonPredicate"), QStringLiteral("NSCompoundPredicate"),
                                 QStringLiteral("NSTruePredicate"), QStringLiteral("NSFalsePredicate")});
     Decoded decoded;
     if (kind == QLatin1String("NSCompoundPredicate")) {
-        decoded = compound(record, depth);
-    } else if (kind == QLatin1String("NSComparisonPredicate")) {
+        const auto type = record.integerField(u"NSCompoundPredicateType");
+        if (!type)
+            fail(QStringLiteral("%1 has no NSCompoundPredicateType").arg(record.label()));
+        if (*type != compoundNot && *type != compoundAnd && *type != compoundOr)
+            fail(QStringLiteral("%1 has the unknown compound type %2").arg(record.label()).arg(*type));
+        if (depth >= KVNSessionArchive::maxPredicateDepth())
+            fail(QStringLiteral("the exclusion predicate is nested deeper than %1 levels")
+                     .arg(KVNSessionArchive::maxPredicateDepth()));
+        const auto list = record.uidField(u"NSSubpredicates");
+        if (!list)
+            fail(QStringLiteral("%1 has no NSSubpredicates").arg(record.label()));
+        CompoundFrame &frame = stack.emplace_back(archive_, record, depth);
+        frame.type = *type;
+        frame.what = record.label() + QStringLiteral(": NSSubpredicates");
+        if (*list != 0)
+            frame.visitList.emplace(archive_, *list);
+        frame.elements = arrayElements(*list, frame.what);
+        if (*type == compoundNot && frame.elements.size() != 1)
+            fail(QStringLiteral("%1 is a NOT with %2 subpredicates, expected one")
+                     .arg(record.label())
+                     .arg(frame.elements.size()));
+        frame.subpredicates.reserve(frame.elements.size());
+        return std::nullopt;
+    }
+    if (kind == QLatin1String("NSComparisonPredicate")) {
+        const Visit visit(archive_, uid);
         decoded = comparison(record);
     } else if (kind == QLatin1String("NSTruePredicate")) {
         decoded = {KVNPredicate::truePredicate(), 1};
@@ -681,56 +729,50 @@ SessionReader::Decoded SessionReader::predicate(uint64_t uid, int depth, const Q
     return decoded;
 }
 
+SessionReader::Decoded SessionReader::predicate(uint64_t uid, const QString &what)
+{
+    std::deque<CompoundFrame> stack;
+    if (const auto leaf = open(uid, 0, what, stack))
+        return *leaf;
+    for (;;) {
+        CompoundFrame &frame = stack.back();
+        if (frame.next < frame.elements.size()) {
+            const uint64_t element = frame.elements[frame.next++];
+            // A compound child pushes its own frame; the loop then works on it.
+            if (const auto leaf = open(element, frame.depth + 1, frame.what, stack)) {
+                countNodes(frame.nodes, leaf->nodes);
+                frame.subpredicates.push_back(leaf->predicate);
+            }
+            continue;
+        }
+        // The factories keep the archived shape, except that an AND of
+        // nothing is TRUEPREDICATE and an OR of nothing FALSEPREDICATE, which
+        // is how we write those two.
+        Decoded decoded;
+        decoded.nodes = frame.nodes;
+        if (frame.type == compoundNot)
+            decoded.predicate = KVNPredicate::notPredicateWithSubpredicate(frame.subpredicates.front());
+        else if (frame.type == compoundAnd)
+            decoded.predicate = KVNPredicate::andPredicateWithSubpredicates(frame.subpredicates);
+        else
+            decoded.predicate = KVNPredicate::orPredicateWithSubpredicates(frame.subpredicates);
+        predicates_.insert(frame.record.uid(), decoded);
+        stack.pop_back();
+        if (stack.empty())
+            return decoded;
+        CompoundFrame &parent = stack.back();
+        countNodes(parent.nodes, decoded.nodes);
+        parent.subpredicates.push_back(decoded.predicate);
+    }
+}
+
 std::vector<uint64_t> SessionReader::arrayElements(uint64_t uid, const QString &what)
 {
     if (uid == 0)
         return {};
-    if (!archive_.isRecord(uid) ||
-        archive_.record(uid).firstKnownClass({QStringLiteral("NSArray")}).isEmpty())
+    if (!archive_.isRecord(uid) || archive_.record(uid).firstKnownClass({QStringLiteral("NSArray")}).isEmpty())
         fail(QStringLiteral("%1 is %2, expected an array").arg(what, describe(uid)));
     return archive_.record(uid).uidArrayField(u"NS.objects").value_or(std::vector<uint64_t>());
-}
-
-SessionReader::Decoded SessionReader::compound(const Record &record, int depth)
-{
-    const auto type = record.integerField(u"NSCompoundPredicateType");
-    if (!type)
-        fail(QStringLiteral("%1 has no NSCompoundPredicateType").arg(record.label()));
-    if (*type != compoundNot && *type != compoundAnd && *type != compoundOr)
-        fail(QStringLiteral("%1 has the unknown compound type %2").arg(record.label()).arg(*type));
-    if (depth >= KVNSessionArchive::maxPredicateDepth())
-        fail(QStringLiteral("the exclusion predicate is nested deeper than %1 levels")
-                 .arg(KVNSessionArchive::maxPredicateDepth()));
-    const auto list = record.uidField(u"NSSubpredicates");
-    if (!list)
-        fail(QStringLiteral("%1 has no NSSubpredicates").arg(record.label()));
-    const QString what = record.label() + QStringLiteral(": NSSubpredicates");
-    std::optional<Visit> visitList;
-    if (*list != 0)
-        visitList.emplace(archive_, *list);
-    const std::vector<uint64_t> elements = arrayElements(*list, what);
-    if (*type == compoundNot && elements.size() != 1)
-        fail(QStringLiteral("%1 is a NOT with %2 subpredicates, expected one").arg(record.label()).arg(elements.size()));
-
-    Decoded decoded;
-    decoded.nodes = 1;
-    std::vector<KVNPredicatePtr> subpredicates;
-    subpredicates.reserve(elements.size());
-    for (const uint64_t element : elements) {
-        const Decoded sub = predicate(element, depth + 1, what);
-        countNodes(decoded.nodes, sub.nodes);
-        subpredicates.push_back(sub.predicate);
-    }
-    // The factories keep the archived shape, except that an AND of nothing is
-    // TRUEPREDICATE and an OR of nothing FALSEPREDICATE, which is how we write
-    // those two.
-    if (*type == compoundNot)
-        decoded.predicate = KVNPredicate::notPredicateWithSubpredicate(subpredicates.front());
-    else if (*type == compoundAnd)
-        decoded.predicate = KVNPredicate::andPredicateWithSubpredicates(subpredicates);
-    else
-        decoded.predicate = KVNPredicate::orPredicateWithSubpredicates(subpredicates);
-    return decoded;
 }
 
 SessionReader::Decoded SessionReader::comparison(const Record &record)
@@ -816,7 +858,8 @@ KVNExpression SessionReader::keyPath(const Record &record, int depth, int64_t &n
         const auto selectorUID = record.uidField(u"NSSelectorName");
         const QString selector = string(selectorUID.value_or(0), record.label() + QStringLiteral(": NSSelectorName"));
         if (selector != QLatin1String("valueForKey:") && selector != QLatin1String("valueForKeyPath:"))
-            fail(QStringLiteral("%1: the function %2 is not supported").arg(record.label(), selector.left(64)));
+            fail(QStringLiteral("%1: the function %2 is not supported")
+                     .arg(record.label(), KVNArchiveDisplayText(selector)));
         const auto operandUID = record.uidField(u"NSOperand");
         const KVNExpression operand =
             expression(operandUID.value_or(0), depth + 1, nodes, record.label() + QStringLiteral(": NSOperand"));
@@ -845,7 +888,7 @@ KVNExpression SessionReader::keyPath(const Record &record, int depth, int64_t &n
     }
     const auto keyPath = KVNExpression::keyPath(QStringView(path));
     if (!keyPath)
-        fail(QStringLiteral("%1: \"%2\" is not a key path").arg(record.label(), path.left(64)));
+        fail(QStringLiteral("%1: \"%2\" is not a key path").arg(record.label(), KVNArchiveDisplayText(path)));
     return *keyPath;
 }
 
@@ -869,8 +912,8 @@ KVNValue SessionReader::constant(uint64_t uid)
         break;
     case PlistType::Dictionary: {
         const Record record = archive_.record(uid);
-        const QString kind = record.firstKnownClass(
-            {QStringLiteral("NSNull"), QStringLiteral("NSString"), QStringLiteral("NSDate")});
+        const QString kind =
+            record.firstKnownClass({QStringLiteral("NSNull"), QStringLiteral("NSString"), QStringLiteral("NSDate")});
         if (kind == QLatin1String("NSNull"))
             return KVNValue();
         if (kind == QLatin1String("NSString"))
@@ -1042,7 +1085,7 @@ QString KVNSessionArchive::fileURLString(const QByteArray &path)
 
 std::optional<QByteArray> KVNSessionArchive::pathFromFileURL(const QString &url, QString *error)
 {
-    const QString shown = url.size() > 200 ? url.left(200) + QStringLiteral("…") : url;
+    const QString shown = KVNArchiveDisplayText(url, 200);
     auto refuse = [&](const QString &why) -> std::optional<QByteArray> {
         if (error)
             *error = QStringLiteral("\"%1\" %2").arg(shown, why);
@@ -1056,7 +1099,8 @@ std::optional<QByteArray> KVNSessionArchive::pathFromFileURL(const QString &url,
         const qsizetype slash = rest.indexOf('/', 2);
         const QByteArray host = rest.mid(2, slash < 0 ? -1 : slash - 2);
         if (!host.isEmpty() && host.toLower() != "localhost")
-            return refuse(QStringLiteral("names the host \"%1\", not a local file").arg(QString::fromUtf8(host)));
+            return refuse(QStringLiteral("names the host \"%1\", not a local file")
+                              .arg(KVNArchiveDisplayText(QString::fromUtf8(host))));
         rest = slash < 0 ? QByteArray() : rest.mid(slash);
     }
     // A '?' or '#' in a path is escaped; a raw one ends the path.

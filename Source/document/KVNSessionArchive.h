@@ -50,9 +50,15 @@ std::optional<QByteArray> pathFromFileURL(const QString &url, QString *error);
 
 // Compound predicates deeper than this are refused: the predicate code walks
 // trees recursively, and each exclusion a user adds is one level.
-constexpr int maxPredicateDepth() { return KVNPredicate::maxNestingDepth(); }
+constexpr int maxPredicateDepth()
+{
+    return KVNPredicate::maxNestingDepth();
+}
 // Predicates whose tree, with shared subtrees counted each time they are
 // used, holds more nodes than this are refused.
-constexpr int maxPredicateNodes() { return 1'000'000; }
+constexpr int maxPredicateNodes()
+{
+    return 1'000'000;
+}
 
 } // namespace KVNSessionArchive

@@ -1,9 +1,11 @@
 #include "KVNMainThread.h"
 
 #include <QCoreApplication>
+#include <QDebug>
 #include <QThread>
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <vector>
 
@@ -20,10 +22,14 @@ struct Waiter {
 };
 
 // The main thread is one per process, and so is the list of calls that wait for it.
+// Lock order: this mutex before a waiter's. The main thread never takes this
+// one while it holds a waiter's mutex, so a worker can notify a waiter while
+// keeping the waiter registered (and so alive).
 struct BlockingCalls {
     std::mutex mutex;
     std::condition_variable doneCv;
     std::deque<BlockingCall *> pending;
+    std::atomic<std::size_t> pendingCount{0};
     std::vector<Waiter> waiters;
 };
 
@@ -35,9 +41,7 @@ BlockingCalls &blockingCalls()
 
 bool hasPendingBlockingCalls()
 {
-    auto &calls = blockingCalls();
-    std::lock_guard guard(calls.mutex);
-    return !calls.pending.empty();
+    return blockingCalls().pendingCount.load(std::memory_order_acquire) != 0;
 }
 
 } // namespace
@@ -72,20 +76,18 @@ void KVNMainThread::invokeAndWait(std::function<void()> fn)
     }
     auto &calls = blockingCalls();
     BlockingCall call{std::move(fn)};
-    std::vector<Waiter> waiters;
-    {
-        std::lock_guard guard(calls.mutex);
-        calls.pending.push_back(&call);
-        waiters = calls.waiters;
-    }
-    // The event loop serves the call, unless the main thread is blocked in a wait
-    // that serves it instead; wake such a wait.
-    post([] { serviceBlockingCalls(); });
-    for (const auto &w : waiters) {
+    std::unique_lock lock(calls.mutex);
+    calls.pending.push_back(&call);
+    calls.pendingCount.fetch_add(1, std::memory_order_release);
+    // A main thread blocked in a wait that serves calls is woken here; one in
+    // its event loop serves the call through the posted event.
+    for (const auto &w : calls.waiters) {
         std::lock_guard guard(*w.mutex);
         w.cv->notify_all();
     }
-    std::unique_lock lock(calls.mutex);
+    lock.unlock();
+    post([] { serviceBlockingCalls(); });
+    lock.lock();
     calls.doneCv.wait(lock, [&] { return call.done; });
 }
 
@@ -101,8 +103,15 @@ bool KVNMainThread::serviceBlockingCalls()
                 break;
             call = calls.pending.front();
             calls.pending.pop_front();
+            calls.pendingCount.fetch_sub(1, std::memory_order_release);
         }
-        call->fn();
+        try {
+            call->fn();
+        } catch (const std::exception &e) {
+            qWarning().noquote() << "Uncaught exception in a call on the main thread:" << e.what();
+        } catch (...) {
+            qWarning().noquote() << "Uncaught exception in a call on the main thread";
+        }
         ran = true;
         {
             std::lock_guard guard(calls.mutex);
@@ -122,10 +131,12 @@ void KVNMainThread::waitServingBlockingCalls(std::unique_lock<std::mutex> &lock,
         return;
     }
     auto &calls = blockingCalls();
+    lock.unlock();
     {
         std::lock_guard guard(calls.mutex);
         calls.waiters.push_back({lock.mutex(), &cv});
     }
+    lock.lock();
     while (!ready()) {
         if (hasPendingBlockingCalls()) {
             lock.unlock();
@@ -135,7 +146,11 @@ void KVNMainThread::waitServingBlockingCalls(std::unique_lock<std::mutex> &lock,
         }
         cv.wait(lock, [&] { return ready() || hasPendingBlockingCalls(); });
     }
-    std::lock_guard guard(calls.mutex);
-    auto &w = calls.waiters;
-    w.erase(std::find_if(w.begin(), w.end(), [&](const Waiter &x) { return x.cv == &cv; }));
+    lock.unlock();
+    {
+        std::lock_guard guard(calls.mutex);
+        auto &w = calls.waiters;
+        w.erase(std::find_if(w.begin(), w.end(), [&](const Waiter &x) { return x.cv == &cv; }));
+    }
+    lock.lock();
 }

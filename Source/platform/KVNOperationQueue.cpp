@@ -18,9 +18,13 @@ int machineWidth()
 
 void KVNOperationQueueState::add(const KVNOperationPtr &operation)
 {
+    // A finished operation has nothing left to do; counting it would never end a wait.
+    if (operation->isFinished())
+        return;
     {
         std::lock_guard lock(mutex);
-        index.emplace(operation.get(), all.size());
+        if (!index.emplace(operation.get(), all.size()).second)
+            return;
         all.push_back(operation);
         ++liveCount;
     }
@@ -97,12 +101,13 @@ void KVNOperationQueueState::workerLoop()
 {
     std::unique_lock lock(mutex);
     for (;;) {
-        workCv.wait(lock, [this] { return shutdown || !ready.empty(); });
+        workCv.wait(lock, [this] { return shutdown || (!ready.empty() && running < width); });
         if (ready.empty() && shutdown)
             return;
         KVNOperationPtr operation = std::move(ready.front());
         ready.pop_front();
         --idleThreads;
+        ++running;
         startWorkerIfNeeded();
         lock.unlock();
         try {
@@ -119,6 +124,8 @@ void KVNOperationQueueState::workerLoop()
         notifyCount();
         lock.lock();
         ++idleThreads;
+        --running;
+        workCv.notify_one();
     }
 }
 
@@ -152,6 +159,9 @@ void KVNOperationQueue::setMaxConcurrentOperationCount(int count)
 {
     std::lock_guard lock(state_->mutex);
     state_->width = count > 0 ? count : machineWidth();
+    if (!state_->ready.empty())
+        state_->startWorkerIfNeeded();
+    state_->workCv.notify_all();
 }
 
 int KVNOperationQueue::maxConcurrentOperationCount() const
@@ -178,7 +188,7 @@ void KVNOperationQueue::addOperations(const std::vector<KVNOperationPtr> &operat
 
 void KVNOperationQueue::cancelAllOperations()
 {
-    for (const auto &operation : operations())
+    for (const auto &operation : state_->markAllCancelled())
         operation->cancel();
 }
 
@@ -215,4 +225,16 @@ void KVNOperationQueue::setOperationCountObserver(CountObserver observer)
 {
     std::lock_guard notifyLock(state_->notifyMutex);
     state_->countObserver = std::move(observer);
+}
+
+std::vector<KVNOperationPtr> KVNOperationQueueState::markAllCancelled()
+{
+    std::lock_guard lock(mutex);
+    std::vector<KVNOperationPtr> result;
+    for (const auto &operation : all)
+        if (operation) {
+            operation->cancelled_.store(true, std::memory_order_release);
+            result.push_back(operation);
+        }
+    return result;
 }

@@ -27,6 +27,7 @@ struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueSt
     std::vector<std::thread> threads;
     std::vector<std::thread::id> threadIds;
     int idleThreads = 0;
+    int running = 0;
     int width = 1;
     bool shutdown = false;
 
@@ -35,6 +36,7 @@ struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueSt
     std::size_t lastNotifiedCount = 0;
 
     void add(const KVNOperationPtr &operation);
+    std::vector<KVNOperationPtr> markAllCancelled();
     void makeReady(const KVNOperationPtr &operation);
     void removeFinished(KVNOperation *operation);
     void notifyCount();

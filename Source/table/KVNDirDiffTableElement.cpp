@@ -387,39 +387,21 @@ KVNValue KVNDirDiffTableElement::valueForKey(QStringView key) const
         return KVNValue::fromInteger(diffResult());
     if (key == u"depthHint")
         return KVNValue::fromInteger(depthHint());
-    if (key == u"spotlightItemFSName") {
-        auto node = primaryNode();
-        return node ? KVNValue::fromString(node->spotlightItemFSName()) : KVNValue();
-    }
     if (key == u"isDirectory")
         return KVNValue::fromBool(isDirectory());
     if (key == u"leftNode")
         return KVNValue::fromObject(leftNode());
     if (key == u"rightNode")
         return KVNValue::fromObject(rightNode());
-    if (key == u"spotlightItemKind") {
-        const QString kind = spotlightItemKind();
-        return kind.isEmpty() ? KVNValue() : KVNValue::fromString(kind);
-    }
-    if (key == u"spotlightItemFSSize") {
-        auto size = spotlightItemFSSize();
-        return size ? KVNValue::fromInteger(int64_t(*size)) : KVNValue();
-    }
     if (key == u"mergeDirection")
         return KVNValue::fromInteger(int64_t(mergeDirection()));
-    if (key == u"relativePath") {
-        auto node = primaryNode();
-        return node ? KVNValue::fromString(node->displayRelativePath()) : KVNValue();
-    }
-    if (key == u"isApplication")
-        return KVNValue::fromBool(isApplication());
-    if (key == u"isBundle")
-        return KVNValue::fromBool(isBundle());
     if (key == u"labelLeft")
         return KVNValue::fromString(labelLeft());
     if (key == u"labelRight")
         return KVNValue::fromString(labelRight());
     if (key == u"parentElement")
         return KVNValue::fromObject(parentElement());
-    return KVNValue();
+    // Everything else a row answers from its left node, or its right one.
+    auto node = primaryNode();
+    return node ? node->valueForKey(key) : KVNValue();
 }
