@@ -109,11 +109,11 @@ public:
         bool onMainThread = false;
     };
 
-    void saferObserveValueForKeyPath(const QString &keyPath, const void *object,
-                                     const QVariantMap &change, void *context) override
+    void saferObserveValueForKeyPath(const QString &keyPath, const void *object, const QVariantMap &change,
+                                     void *context) override
     {
-        deliveries.push_back({keyPath, object, object ? *static_cast<const int *>(object) : -1, change,
-                              context, QThread::currentThread() == qApp->thread()});
+        deliveries.push_back({keyPath, object, object ? *static_cast<const int *>(object) : -1, change, context,
+                              QThread::currentThread() == qApp->thread()});
         if (onDelivery)
             onDelivery();
     }
@@ -351,10 +351,12 @@ void TestAdditions::deletingLastPathComponentCutsTheEncodedText()
     // Where that odd path is a directory, the file system gives it its slash.
     QVERIFY(QDir().mkpath(QStringLiteral("file:/srv/a%20b")));
     QVERIFY(URLDeletingLastPathComponent(QUrl(QStringLiteral("file:///srv/a%20b/c")))
-                .toString(QUrl::FullyEncoded).endsWith(QStringLiteral("/file:/srv/a%2520b/")));
+                .toString(QUrl::FullyEncoded)
+                .endsWith(QStringLiteral("/file:/srv/a%2520b/")));
 
     QVERIFY_THROWS_EXCEPTION(std::invalid_argument, (void)URLDeletingLastPathComponent(QUrl()));
-    QVERIFY_THROWS_EXCEPTION(std::invalid_argument, (void)URLDeletingLastPathComponent(QUrl(QStringLiteral("mailto:x"))));
+    QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
+                             (void)URLDeletingLastPathComponent(QUrl(QStringLiteral("mailto:x"))));
 }
 
 void TestAdditions::posixPathAndLastPathComponent()
@@ -497,9 +499,10 @@ void TestAdditions::observationCarriesTheContextPointer()
     QCOMPARE(observer.deliveries[1].context, nullptr);
 
     // The record itself: a missing "context" is a null context.
-    const QVariantMap withoutContext{{QStringLiteral("keyPath"), QStringLiteral("k")},
-                                     {QStringLiteral("object"), QVariant::fromValue(std::shared_ptr<const void>(object))},
-                                     {QStringLiteral("change"), QVariantMap{{QStringLiteral("kind"), 1}}}};
+    const QVariantMap withoutContext{
+        {QStringLiteral("keyPath"), QStringLiteral("k")},
+        {QStringLiteral("object"), QVariant::fromValue(std::shared_ptr<const void>(object))},
+        {QStringLiteral("change"), QVariantMap{{QStringLiteral("kind"), 1}}}};
     dispatchObservationOnMainThread(&observer, withoutContext);
     QCOMPARE(observer.deliveries.size(), std::size_t(3));
     QCOMPARE(observer.deliveries[2].context, nullptr);
@@ -528,8 +531,8 @@ void TestAdditions::observationOrderAcrossThreads()
                 const int sequence = nextSequence++;
                 auto object = std::make_shared<const int>(sequence);
                 objects[sequence] = object;
-                prepareSafeObserveForKeyPath(&observer, QStringLiteral("n"), object,
-                                             {{QStringLiteral("thread"), t}}, nullptr);
+                prepareSafeObserveForKeyPath(&observer, QStringLiteral("n"), object, {{QStringLiteral("thread"), t}},
+                                             nullptr);
             }
         });
     }
@@ -578,10 +581,10 @@ void TestAdditions::observationRejectsMissingParts()
     auto object = std::make_shared<int>(1);
     QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
                              prepareSafeObserveForKeyPath(&observer, QStringLiteral("k"), nullptr, {}, nullptr));
-    QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
-                             prepareSafeObserveForKeyPath(nullptr, &observer, QStringLiteral("k"), object, {}, nullptr));
-    QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
-                             prepareSafeObserveForKeyPath(&observer, nullptr, QStringLiteral("k"), object, {}, nullptr));
+    QVERIFY_THROWS_EXCEPTION(std::invalid_argument, prepareSafeObserveForKeyPath(
+                                                        nullptr, &observer, QStringLiteral("k"), object, {}, nullptr));
+    QVERIFY_THROWS_EXCEPTION(std::invalid_argument, prepareSafeObserveForKeyPath(
+                                                        &observer, nullptr, QStringLiteral("k"), object, {}, nullptr));
     QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("incomplete observation record")));
     dispatchObservationOnMainThread(&observer, {{QStringLiteral("keyPath"), QStringLiteral("k")}});
     QVERIFY(observer.deliveries.empty());
@@ -590,9 +593,10 @@ void TestAdditions::observationRejectsMissingParts()
 void TestAdditions::dispatchOffTheMainThreadIsRefused()
 {
     RecordingObserver observer;
-    const QVariantMap observation{{QStringLiteral("keyPath"), QStringLiteral("k")},
-                                  {QStringLiteral("object"), QVariant::fromValue(std::shared_ptr<const void>(std::make_shared<int>(1)))},
-                                  {QStringLiteral("change"), QVariantMap()}};
+    const QVariantMap observation{
+        {QStringLiteral("keyPath"), QStringLiteral("k")},
+        {QStringLiteral("object"), QVariant::fromValue(std::shared_ptr<const void>(std::make_shared<int>(1)))},
+        {QStringLiteral("change"), QVariantMap()}};
 #ifndef QT_NO_DEBUG
     // With assertions compiled in, the refusal ends the process.
     const auto [status, output] = runInChild([&] {

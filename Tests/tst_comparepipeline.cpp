@@ -17,7 +17,7 @@ class TestComparePipeline : public QObject {
 
 private:
     struct Expect {
-        int left;  // -1: no node on that side
+        int left; // -1: no node on that side
         int right;
         int row;
         int direction;
@@ -283,9 +283,9 @@ private slots:
         ::chmod(left.path("locked").constData(), 0700); // the other user may not enter it
         ::chmod(left.path("secret").constData(), 0600);
         QProcess probe;
-        probe.start(QStringLiteral("setpriv"), {"--reuid=65534", "--regid=65534", "--clear-groups", KVN_COMPARE_PROBE,
-                                                QString::fromLocal8Bit(left.root()),
-                                                QString::fromLocal8Bit(right.root())});
+        probe.start(QStringLiteral("setpriv"),
+                    {"--reuid=65534", "--regid=65534", "--clear-groups", KVN_COMPARE_PROBE,
+                     QString::fromLocal8Bit(left.root()), QString::fromLocal8Bit(right.root())});
         QVERIFY(probe.waitForFinished(60000));
         if (probe.exitCode() != 0)
             QSKIP(qPrintable("could not run as an unprivileged user: " + probe.readAllStandardError()));

@@ -105,8 +105,7 @@ public:
         action.sa_sigaction = tripwireHandler;
         action.sa_flags = SA_SIGINFO;
         sigemptyset(&action.sa_mask);
-        installed_ = sigaction(SIGSEGV, &action, &gTripwire.previous) == 0
-            && mprotect(page, pageSize, PROT_NONE) == 0;
+        installed_ = sigaction(SIGSEGV, &action, &gTripwire.previous) == 0 && mprotect(page, pageSize, PROT_NONE) == 0;
     }
     ~Tripwire()
     {
@@ -248,8 +247,8 @@ void TestCrc32::lengthsAroundKernelBoundaries()
     selectRowKernel();
     constexpr std::size_t kMiB = 1024 * 1024;
     const auto data = randomBytes(kMiB + 64, 3);
-    const std::size_t lengths[] = {15,   16,   17,   31,   32,   33,   63,   64,       65,      127,     128,
-                                   129,  191,  192,  255,  256,  257,  319,  320,      511,     512,     513,
+    const std::size_t lengths[] = {15,   16,   17,   31,   32,   33,   63,   64,       65,       127,  128,
+                                   129,  191,  192,  255,  256,  257,  319,  320,      511,      512,  513,
                                    1023, 1024, 1025, 4095, 4096, 4097, 8191, 8192 + 5, kMiB - 1, kMiB, kMiB + 1};
     for (std::size_t length : lengths) {
         for (std::size_t offset : {0, 1, 7, 8, 15, 16, 33, 63}) {

@@ -13,9 +13,9 @@
 #include <grp.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
+#include <linux/io_uring.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
-#include <linux/io_uring.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -59,9 +59,9 @@ bool sameEntry(const KVNDirectoryEntry &a, const KVNDirectoryEntry &b)
 
 QByteArray describe(const KVNDirectoryEntry &e)
 {
-    return e.name.toPercentEncoding() + " type " + QByteArray::number(int(e.type)) + " size "
-        + QByteArray::number(e.size) + " mtime " + QByteArray::number(e.modified.seconds) + "."
-        + QByteArray::number(e.modified.nanoseconds);
+    return e.name.toPercentEncoding() + " type " + QByteArray::number(int(e.type)) + " size " +
+           QByteArray::number(e.size) + " mtime " + QByteArray::number(e.modified.seconds) + "." +
+           QByteArray::number(e.modified.nanoseconds);
 }
 
 bool makeFile(const QByteArray &path, off_t size = 0)
@@ -153,8 +153,7 @@ bool refuseRingAndStatx()
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
-    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0
-        && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 } // namespace
@@ -549,8 +548,8 @@ void TestDirectoryReader::accessDenied()
         QVERIFY(child >= 0);
         if (child == 0) {
             ::close(fds[0]);
-            if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0
-                || ::setresuid(65534, 65534, 65534) != 0)
+            if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+                ::setresuid(65534, 65534, 65534) != 0)
                 ::_exit(kChildCannotDrop);
             readAll();
             const bool written = ::write(fds[1], results, sizeof(results)) == ssize_t(sizeof(results));

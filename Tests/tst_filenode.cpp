@@ -33,7 +33,8 @@ private slots:
         QTest::newRow("colon") << QByteArray("a:b");
         QTest::newRow("newline") << QByteArray("line\nbreak");
         QTest::newRow("latin1") << QByteArray("caf\xe9");
-        QTest::newRow("utf8") << QByteArray("Gr\xc3\xbc\xc3\x9f" "e");
+        QTest::newRow("utf8") << QByteArray("Gr\xc3\xbc\xc3\x9f"
+                                            "e");
     }
     void pathsSurviveAnyName()
     {
@@ -58,7 +59,9 @@ private slots:
         // folds only its ASCII letters, and a text parent still folds in full.
         QCOMPARE(KVNPathBytes::lowercasePath("./Docs/Readme.TXT"), QByteArray("./docs/readme.txt"));
         QCOMPARE(KVNPathBytes::lowercasePath("./\xc3\x84RGER/A\xff"), QByteArray("./\xc3\xa4rger/a\xff"));
-        QCOMPARE(KVNPathBytes::displayString("a\xff" "b"), QStringLiteral("a\\xFFb"));
+        QCOMPARE(KVNPathBytes::displayString("a\xff"
+                                             "b"),
+                 QStringLiteral("a\\xFFb"));
         QCOMPARE(KVNPathBytes::displayString("\xc3\xa4"), QStringLiteral("\u00e4"));
         auto upper = KVNFileNode::make("/base", "./Docs/Readme.TXT", nullptr, 2);
         auto lower = KVNFileNode::make("/base", "./docs/readme.txt", nullptr, 2);

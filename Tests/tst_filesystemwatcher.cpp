@@ -34,8 +34,9 @@ bool append(const QByteArray &path)
 
 void removeTree(const QByteArray &path)
 {
-    ::nftw(path.constData(), [](const char *p, const struct stat *, int, FTW *) { return ::remove(p); }, 16,
-           FTW_DEPTH | FTW_PHYS);
+    ::nftw(
+        path.constData(), [](const char *p, const struct stat *, int, FTW *) { return ::remove(p); }, 16,
+        FTW_DEPTH | FTW_PHYS);
 }
 
 QStringList warnings;
@@ -252,8 +253,8 @@ private slots:
     void degradesOnceAtTheWatchLimit()
     {
         warnings.clear();
-        const QtMessageHandler previous = qInstallMessageHandler(
-            [](QtMsgType type, const QMessageLogContext &, const QString &line) {
+        const QtMessageHandler previous =
+            qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &line) {
                 if (type == QtWarningMsg)
                     warnings << line;
             });

@@ -50,12 +50,13 @@ private slots:
         auto all = kvdiff({"--filter=all", KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
         QCOMPARE(all.out.trimmed().split('\n').size(), 12);
         // Excluding everything that differs leaves nothing to report.
-        auto excluded = kvdiff({"--exclude=spotlightItemFSName IN {'build', 'docs', 'src'}", KVN_SAMPLES_DIR "/original",
-                                KVN_SAMPLES_DIR "/modified"});
+        auto excluded = kvdiff({"--exclude=spotlightItemFSName IN {'build', 'docs', 'src'}",
+                                KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
         QCOMPARE(excluded.exitCode, 0);
         QVERIFY2(excluded.out.isEmpty(), excluded.out.constData());
-        auto repeated = kvdiff({"--exclude", "spotlightItemFSName == 'build'", "--exclude=spotlightItemFSName == 'docs'",
-                                KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
+        auto repeated =
+            kvdiff({"--exclude", "spotlightItemFSName == 'build'", "--exclude=spotlightItemFSName == 'docs'",
+                    KVN_SAMPLES_DIR "/original", KVN_SAMPLES_DIR "/modified"});
         QCOMPARE(repeated.exitCode, 1);
         QCOMPARE(repeated.out.trimmed().split('\n').size(), 2); // src and src/main.c
     }

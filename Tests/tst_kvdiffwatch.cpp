@@ -3,10 +3,10 @@
 // changed from here, read line by line, stopped by end of input or a signal.
 #include "KVNTestTree.h"
 
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QElapsedTimer>
 #include <QProcess>
 #include <QTest>
 
@@ -101,8 +101,8 @@ private slots:
         left.dir("skip.tmp");
         right.dir("skip.tmp");
         Watch watch;
-        watch.start({"--watch=json", "--exclude=spotlightItemFSName ENDSWITH '.tmp'", QString::fromLocal8Bit(left.root()),
-                     QString::fromLocal8Bit(right.root())});
+        watch.start({"--watch=json", "--exclude=spotlightItemFSName ENDSWITH '.tmp'",
+                     QString::fromLocal8Bit(left.root()), QString::fromLocal8Bit(right.root())});
         QVERIFY(watch.waitFor(1));
         QCOMPARE(watch.process.state(), QProcess::Running);
         right.file("skip.tmp/inner", "x"); // its event names the excluded directory

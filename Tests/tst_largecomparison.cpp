@@ -16,8 +16,8 @@ private slots:
         constexpr int kDirectories = 400;
         constexpr int kFilesPerDirectory = 250;
         // In memory where the machine has it: the point is the comparison, not the disk.
-        const QString parent = QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm")
-                                                                                  : QDir::tempPath();
+        const QString parent =
+            QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm") : QDir::tempPath();
         KVNTestTree left(parent), right(parent);
         int changed = 0, leftOnly = 0, rightOnly = 0;
         for (int d = 0; d < kDirectories; ++d) {

@@ -26,8 +26,8 @@ KVNPredicatePtr predicate(const QString &format)
 void refresh(const std::vector<KVNDirDiffTableElementPtr> &rows, const KVNPredicatePtr &exclusion,
              const std::shared_ptr<KVNRefreshProbe> &probe = nullptr, std::optional<uint64_t> start = std::nullopt)
 {
-    auto operation = std::make_shared<KVNRefreshTableOperation>(
-        exclusion, start ? *start : uint64_t(rows.size()) - 1, rows);
+    auto operation =
+        std::make_shared<KVNRefreshTableOperation>(exclusion, start ? *start : uint64_t(rows.size()) - 1, rows);
     if (probe)
         operation->setDelegate(probe);
     KVNOperationQueue queue;

@@ -33,12 +33,13 @@ KVNDirCompDocument::KVNDirCompDocument()
     // The count reaches the main thread through the event loop, in order.
     const void *queue = refreshOperationQueue_.get();
     refreshOperationQueue_->setOperationCountObserver([this, queue](std::size_t count, std::size_t old) {
-        prepareSafeObserveForKeyPath(this, QStringLiteral("operations.@count"), identity(queue),
-                                     {{QStringLiteral("new"), qulonglong(count)}, {QStringLiteral("old"), qulonglong(old)}},
-                                     nullptr);
+        prepareSafeObserveForKeyPath(
+            this, QStringLiteral("operations.@count"), identity(queue),
+            {{QStringLiteral("new"), qulonglong(count)}, {QStringLiteral("old"), qulonglong(old)}}, nullptr);
     });
     // A stored default that is not valid predicate text raises here, as it always has.
-    const QString text = KVNUserDefaults::standardUserDefaults().stringForKey(QStringLiteral("defaultExclusionPredicate"));
+    const QString text =
+        KVNUserDefaults::standardUserDefaults().stringForKey(QStringLiteral("defaultExclusionPredicate"));
     exclusionPredicate_ = text.isEmpty() ? nullptr : KVNPredicate::predicateWithFormat(text);
 }
 
@@ -191,8 +192,8 @@ void KVNDirCompDocument::performTableUpdate()
     auto buildTable = std::make_shared<KVNBuildTableOperation>(scanLeft, scanRight, unbound);
     buildTable->addDependency(scanLeft);
     buildTable->addDependency(scanRight);
-    auto reconcile = std::make_shared<KVNDiffSourceArrayControllersOperation>(
-        sourceArrayController_, unbound, refreshOperationQueue_.get(), self);
+    auto reconcile = std::make_shared<KVNDiffSourceArrayControllersOperation>(sourceArrayController_, unbound,
+                                                                              refreshOperationQueue_.get(), self);
     reconcile->addDependency(buildTable);
     refreshOperationQueue_->addOperations({initial, scanLeft, scanRight, buildTable, reconcile});
 }

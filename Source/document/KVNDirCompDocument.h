@@ -103,8 +103,8 @@ public:
     static KVNPredicatePtr filterPredicateForAction(KVNFilterAction action);
     void updateFilterPredicates();
     // The filtered children of a row; null when it has none to expand.
-    std::optional<std::vector<KVNDirDiffTableElementPtr>> cachedFilteredChildrenForElement(
-        const KVNDirDiffTableElementPtr &element);
+    std::optional<std::vector<KVNDirDiffTableElementPtr>>
+    cachedFilteredChildrenForElement(const KVNDirDiffTableElementPtr &element);
     void excludeByFilename(const KVNDirDiffTableElementPtr &element);
     void excludeAllByExtension(const KVNDirDiffTableElementPtr &element);
 

@@ -24,7 +24,8 @@ KVNPredicatePtr KVNDirCompDocument::filterPredicateForAction(KVNFilterAction act
     switch (action) {
     case KVNFilterAction::ShowDefault:
         // 0 belongs here so that rows not yet compared stay in view during a run.
-        return resultFilter({KVNDiffResultSingle, KVNDiffResultDifferSingle, KVNDiffResultDiffer, KVNDiffResultUnknown});
+        return resultFilter(
+            {KVNDiffResultSingle, KVNDiffResultDifferSingle, KVNDiffResultDiffer, KVNDiffResultUnknown});
     case KVNFilterAction::ShowDifferent:
         return resultFilter({KVNDiffResultDiffer, KVNDiffResultDifferSingle});
     case KVNFilterAction::ShowSingle:
@@ -103,8 +104,8 @@ std::vector<KVNDirDiffTableElementPtr> KVNDirCompDocument::filteredTopLevelRows(
     return filteredArrayController_->arrangedObjects();
 }
 
-std::optional<std::vector<KVNDirDiffTableElementPtr>> KVNDirCompDocument::cachedFilteredChildrenForElement(
-    const KVNDirDiffTableElementPtr &element)
+std::optional<std::vector<KVNDirDiffTableElementPtr>>
+KVNDirCompDocument::cachedFilteredChildrenForElement(const KVNDirDiffTableElementPtr &element)
 {
     if (!element || !element->hasChildElements())
         return std::nullopt;
@@ -142,8 +143,9 @@ void KVNDirCompDocument::excludeAllByExtension(const KVNDirDiffTableElementPtr &
     const QByteArray extension = KVNPathBytes::pathExtension(KVNPathBytes::lastComponent(element->relativePath()));
     if (extension.isEmpty())
         return;
-    auto rule = KVNPredicate::predicateWithFormat(QStringLiteral("spotlightItemFSName ENDSWITH[c] %@"),
-                                                  {KVNValue::fromString(QLatin1Char('.') + KVNPathBytes::displayString(extension))});
+    auto rule = KVNPredicate::predicateWithFormat(
+        QStringLiteral("spotlightItemFSName ENDSWITH[c] %@"),
+        {KVNValue::fromString(QLatin1Char('.') + KVNPathBytes::displayString(extension))});
     setExclusionPredicate(exclusionPredicate_ ? KVNPredicate::orPredicateWithSubpredicates({exclusionPredicate_, rule})
                                               : rule);
 }

@@ -47,8 +47,9 @@ bool KVNDirCompDocument::readFromData(const QByteArray &data, KVNDocumentError *
     if (contents->documentClass != documentClassName() || !contents->documentVersion ||
         float(*contents->documentVersion) != documentVersion()) {
         if (error)
-            *error = {QStringLiteral("DocumentVersionMismatch"), 0,
-                      QStringLiteral("This document's version is not compatible with this version of the application.")};
+            *error = {
+                QStringLiteral("DocumentVersionMismatch"), 0,
+                QStringLiteral("This document's version is not compatible with this version of the application.")};
         return false;
     }
     // Taken as they are: no normalisation on the way in.

@@ -10,8 +10,7 @@
 #include <cstring>
 
 KVNFileSystemWatcher::KVNFileSystemWatcher(Callback callback, QObject *parent)
-    : QObject(parent)
-    , callback_(std::move(callback))
+    : QObject(parent), callback_(std::move(callback))
 {
     timer_.setSingleShot(true);
     timer_.setTimerType(Qt::PreciseTimer); // "the latency has passed" should not come early
@@ -147,8 +146,7 @@ void KVNFileSystemWatcher::deliver()
     for (auto it = pending_.cbegin(); it != pending_.cend(); ++it)
         ordered.emplace_back(it.value(), it.key());
     pending_.clear();
-    std::sort(ordered.begin(), ordered.end(),
-              [](const auto &a, const auto &b) { return a.first < b.first; });
+    std::sort(ordered.begin(), ordered.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
     std::vector<Event> batch;
     batch.reserve(ordered.size());
     for (auto &[order, path] : ordered)

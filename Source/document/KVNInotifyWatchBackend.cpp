@@ -1,8 +1,8 @@
 #include "KVNInotifyWatchBackend.h"
 
 #include <algorithm>
-#include <climits>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,13 +14,13 @@ namespace {
 
 // What makes a directory "changed": anything done to an entry in it. Reads
 // and closes are left out; a write shows as IN_MODIFY.
-constexpr uint32_t kTreeMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO
-    | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr uint32_t kTreeMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO |
+                               IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 // A root's parent only tells when the root itself comes, goes or is renamed;
 // its other traffic (the parent may be a busy /tmp) is not asked for.
 // IN_MASK_ADD keeps a tree watch on the same directory intact.
-constexpr uint32_t kParentMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF
-    | IN_ONLYDIR | IN_MASK_ADD;
+constexpr uint32_t kParentMask =
+    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
 
 constexpr std::size_t kBufferSize = 64 * 1024;
 constexpr std::size_t kListingSize = 32 * 1024;
@@ -64,8 +64,7 @@ QByteArray normalizedRoot(QByteArray path)
 // has any entry at all. Symbolic links are not followed. getdents64 straight
 // into a reused buffer: no DIR, no stat per entry (d_type says enough on every
 // common file system).
-bool listSubdirectories(const QByteArray &path, bool followTop, std::vector<char> &buffer,
-                        std::vector<QByteArray> &out)
+bool listSubdirectories(const QByteArray &path, bool followTop, std::vector<char> &buffer, std::vector<QByteArray> &out)
 {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followTop ? 0 : O_NOFOLLOW);
     const int fd = ::open(path.constData(), flags);

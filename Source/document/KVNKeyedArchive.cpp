@@ -788,14 +788,3 @@ QByteArray KVNKeyedArchiver::binary(uint64_t rootUID) const
     plist_to_bin_free(bytes);
     return result;
 }
-
-QByteArray KVNKeyedArchiver::xml(uint64_t rootUID) const
-{
-    PlistHolder top(buildTop(rootUID));
-    char *text = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(static_cast<plist_t>(top.get()), &text, &length);
-    QByteArray result(text, qsizetype(length));
-    plist_to_xml_free(text);
-    return result;
-}

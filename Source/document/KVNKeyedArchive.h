@@ -180,7 +180,6 @@ public:
     void setRecord(uint64_t uid, Fields fields, const QStringList &classes);
 
     QByteArray binary(uint64_t rootUID) const;
-    QByteArray xml(uint64_t rootUID) const;
 
 private:
     using Entry = std::variant<std::monostate, QString, int64_t, double, bool, Fields>;

@@ -30,7 +30,8 @@ void KVNBuildTreeFastOperation::main()
     const QByteArray base = baseURL();
     struct stat info;
     if (::stat(base.constData(), &info) != 0)
-        throw KVNException(QStringLiteral("KVNBuildTreeFastException"), QStringLiteral("Unable to make FSRef from path"));
+        throw KVNException(QStringLiteral("KVNBuildTreeFastException"),
+                           QStringLiteral("Unable to make FSRef from path"));
 
     auto lookup = std::make_shared<KVNRelativeLookupDict>();
     lookup->reserve(8192);

@@ -2,10 +2,10 @@
 
 KVNCompareDirOperation::KVNCompareDirOperation(std::vector<KVNCompareDirWorkItem> workItems)
     : workItems_(std::move(workItems))
-{
-}
+{}
 
-std::vector<KVNOperationPtr> KVNCompareDirOperation::createDirCompareOps(const std::vector<KVNCompareDirWorkItem> &workItems)
+std::vector<KVNOperationPtr>
+KVNCompareDirOperation::createDirCompareOps(const std::vector<KVNCompareDirWorkItem> &workItems)
 {
     std::vector<KVNOperationPtr> operations;
     operations.reserve(workItems.size());

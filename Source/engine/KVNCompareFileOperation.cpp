@@ -96,11 +96,10 @@ bool sizesEqual(const KVNFileNodePtr &a, const KVNFileNodePtr &b)
 
 KVNCompareFileOperation::KVNCompareFileOperation(std::vector<KVNCompareFileWorkItem> workItems)
     : workItems_(std::move(workItems))
-{
-}
+{}
 
-std::vector<KVNOperationPtr> KVNCompareFileOperation::createFileCompareOps(
-    const std::vector<KVNCompareFileWorkItem> &workItems)
+std::vector<KVNOperationPtr>
+KVNCompareFileOperation::createFileCompareOps(const std::vector<KVNCompareFileWorkItem> &workItems)
 {
     std::vector<KVNOperationPtr> operations;
     operations.reserve(workItems.size());
@@ -173,7 +172,7 @@ void KVNCompareFileOperation::posixCompareFilesAtFileNode1(const KVNFileNodePtr 
     }
     case KVNCompareMethodSizeAndDate:
         result = sizesEqual(node1, node2) && node1->modifiedDate() == node2->modifiedDate() ? KVNDiffResultSame
-                                                                                             : KVNDiffResultDiffer;
+                                                                                            : KVNDiffResultDiffer;
         break;
     case KVNCompareMethodDate:
         result = node1->modifiedDate() == node2->modifiedDate() ? KVNDiffResultSame : KVNDiffResultDiffer;

@@ -5,15 +5,11 @@
 #include "KVNMarkSingleOperation.h"
 
 KVNCompareTreeOperation::KVNCompareTreeOperation(KVNBuildTreeFastOperationPtr buildTreeOp1,
-                                                 KVNBuildTreeFastOperationPtr buildTreeOp2,
-                                                 KVNOperationQueue *opQueue,
+                                                 KVNBuildTreeFastOperationPtr buildTreeOp2, KVNOperationQueue *opQueue,
                                                  std::shared_ptr<KVNFinalOperationDelegate> finalDelegate)
-    : buildTreeOp1_(std::move(buildTreeOp1)),
-      buildTreeOp2_(std::move(buildTreeOp2)),
-      opQueue_(opQueue),
+    : buildTreeOp1_(std::move(buildTreeOp1)), buildTreeOp2_(std::move(buildTreeOp2)), opQueue_(opQueue),
       finalDelegate_(std::move(finalDelegate))
-{
-}
+{}
 
 KVNCompareTreeOperation::~KVNCompareTreeOperation()
 {

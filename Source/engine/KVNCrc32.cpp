@@ -47,8 +47,8 @@ inline uint32_t loadLittleEndian32(const unsigned char *p)
 
 inline uint32_t slice4(uint32_t word, int table)
 {
-    return kTables[table][word & 0xffu] ^ kTables[table - 1][(word >> 8) & 0xffu]
-        ^ kTables[table - 2][(word >> 16) & 0xffu] ^ kTables[table - 3][word >> 24];
+    return kTables[table][word & 0xffu] ^ kTables[table - 1][(word >> 8) & 0xffu] ^
+           kTables[table - 2][(word >> 16) & 0xffu] ^ kTables[table - 3][word >> 24];
 }
 
 // Every kernel, and what it needs from the processor.
@@ -182,8 +182,7 @@ uint32_t crc32WithCancelFlag(const void *data, std::size_t length, const volatil
     return ~state;
 }
 
-uint32_t crc32FirstPageWithCancelFlag(const void *data, std::size_t length,
-                                      const volatile unsigned char *cancelFlag)
+uint32_t crc32FirstPageWithCancelFlag(const void *data, std::size_t length, const volatile unsigned char *cancelFlag)
 {
     if (cancelFlag && *cancelFlag)
         return 0;

@@ -36,8 +36,7 @@ uint32_t crc32WithCancelFlag(const void *data, std::size_t length, const volatil
 
 // Checksum of the first kBlockSize bytes (all of them when there are fewer).
 // The flag is tested once, before; a set flag or empty data gives 0.
-uint32_t crc32FirstPageWithCancelFlag(const void *data, std::size_t length,
-                                      const volatile unsigned char *cancelFlag);
+uint32_t crc32FirstPageWithCancelFlag(const void *data, std::size_t length, const volatile unsigned char *cancelFlag);
 
 // One byte at a time from a single table: slow, simple, and the yardstick the
 // tests hold the fast kernels to.

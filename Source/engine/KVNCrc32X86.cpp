@@ -61,7 +61,7 @@ static_assert(kReduce64 == 0x163CD6124u);
 #define KVN_VPCLMUL256_TARGET __attribute__((target("avx2,vpclmulqdq,pclmul,sse4.1")))
 #define KVN_VPCLMUL256_INLINE __attribute__((target("avx2,vpclmulqdq,pclmul,sse4.1"), always_inline)) inline
 #define KVN_VPCLMUL_TARGET __attribute__((target("avx512f,avx512vl,avx512bw,vpclmulqdq,pclmul,sse4.1")))
-#define KVN_VPCLMUL_INLINE \
+#define KVN_VPCLMUL_INLINE                                                                                             \
     __attribute__((target("avx512f,avx512vl,avx512bw,vpclmulqdq,pclmul,sse4.1"), always_inline)) inline
 
 KVN_PCLMUL_INLINE __m128i load128(const unsigned char *p)
@@ -186,8 +186,8 @@ KVN_VPCLMUL256_INLINE uint32_t mediumKernel(uint32_t state, const unsigned char 
         p += 32;
         length -= 32;
     }
-    const __m128i lane = _mm_xor_si128(fold128(_mm256_castsi256_si128(y), pair128(kFold128)),
-                                       _mm256_extracti128_si256(y, 1));
+    const __m128i lane =
+        _mm_xor_si128(fold128(_mm256_castsi256_si128(y), pair128(kFold128)), _mm256_extracti128_si256(y, 1));
     return finishNarrow(lane, p, length);
 }
 
@@ -242,10 +242,10 @@ KVN_VPCLMUL_INLINE uint32_t wideKernel(uint32_t state, const unsigned char *p, s
         length -= 64;
     }
     // Four lanes to one: each lane folds over its distance to the last lane.
-    const __m512i toLast = _mm512_set_epi64(0, 0, static_cast<long long>(kFold128.high),
-                                            static_cast<long long>(kFold128.low), static_cast<long long>(kFold256.high),
-                                            static_cast<long long>(kFold256.low), static_cast<long long>(kFold384.high),
-                                            static_cast<long long>(kFold384.low));
+    const __m512i toLast =
+        _mm512_set_epi64(0, 0, static_cast<long long>(kFold128.high), static_cast<long long>(kFold128.low),
+                         static_cast<long long>(kFold256.high), static_cast<long long>(kFold256.low),
+                         static_cast<long long>(kFold384.high), static_cast<long long>(kFold384.low));
     const __m512i folded = fold512Into(z, toLast, _mm512_maskz_mov_epi64(0xC0, z));
     const __m256i halves = _mm256_xor_si256(_mm512_maskz_extracti64x4_epi64(0xF, folded, 0),
                                             _mm512_maskz_extracti64x4_epi64(0xF, folded, 1));

@@ -347,8 +347,8 @@ KVNScanStatus KVNDirectoryReader::statNames(int directoryFd, std::vector<KVNDire
                 int error = ring_->codes[i];
                 if (error == 0) {
                     fillFromStatx(ring_->results[i], out[index]);
-                } else if (error == kNotDone || error == EINVAL || error == EINTR || error == EAGAIN
-                           || error == ECANCELED) {
+                } else if (error == kNotDone || error == EINVAL || error == EINTR || error == EAGAIN ||
+                           error == ECANCELED) {
                     // The ring, not the file, failed this one: ask directly.
                     ringRejectsStatx = ringRejectsStatx || error == EINVAL;
                     error = statOne(directoryFd, out[index].name.constData(), out[index]);

@@ -8,13 +8,18 @@
 #include <memory>
 #include <vector>
 
-enum class KVNFileType : uint8_t { Regular = 0, Directory = 1, SymbolicLink = 2, Other = 3 }; // Other: device, socket, pipe
+enum class KVNFileType : uint8_t {
+    Regular = 0,
+    Directory = 1,
+    SymbolicLink = 2,
+    Other = 3
+}; // Other: device, socket, pipe
 
 struct KVNDirectoryEntry {
-    QByteArray name;        // raw bytes of the name, never decoded
+    QByteArray name; // raw bytes of the name, never decoded
     KVNFileType type = KVNFileType::Other;
-    uint64_t size = 0;      // st_size; 0 for directories (callers ignore it there)
-    KVNDate modified;       // mtime with nanoseconds
+    uint64_t size = 0; // st_size; 0 for directories (callers ignore it there)
+    KVNDate modified;  // mtime with nanoseconds
 };
 
 enum class KVNScanStatus { Ok = 0, AccessDenied, Error };

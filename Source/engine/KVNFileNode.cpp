@@ -269,9 +269,8 @@ bool KVNFileNode::isApplication() const
 
 bool KVNFileNode::isBundle() const
 {
-    return isDirectory() &&
-           hasExtension(name_, {"app", "bundle", "framework", "plugin", "kvplugin", "kext", "pkg", "mpkg", "xpc",
-                                "appex", "docset", "qlgenerator", "saver", "prefpane"});
+    return isDirectory() && hasExtension(name_, {"app", "bundle", "framework", "plugin", "kvplugin", "kext", "pkg",
+                                                 "mpkg", "xpc", "appex", "docset", "qlgenerator", "saver", "prefpane"});
 }
 
 uint64_t KVNFileNode::fileSizeWChildren() const
@@ -327,7 +326,9 @@ QString KVNFileNode::spotlightItemKind() const
         return QString();
     switch (attrs->fileType) {
     case KVNFileType::Directory:
-        kind = isApplication() ? QStringLiteral("Application") : isBundle() ? QStringLiteral("Package") : QStringLiteral("Folder");
+        kind = isApplication() ? QStringLiteral("Application")
+               : isBundle()    ? QStringLiteral("Package")
+                               : QStringLiteral("Folder");
         break;
     case KVNFileType::SymbolicLink:
         kind = QStringLiteral("Symbolic Link");

@@ -43,8 +43,8 @@ public:
 
     // A node of a tree under basePath. relativePath starts with "./" ("./" is
     // the root). The node is not added to the parent's children: addChildNode does that.
-    static KVNFileNodePtr make(const QByteArray &basePath, const QByteArray &relativePath,
-                               const KVNFileNodePtr &parent, uint32_t depthHint);
+    static KVNFileNodePtr make(const QByteArray &basePath, const QByteArray &relativePath, const KVNFileNodePtr &parent,
+                               uint32_t depthHint);
     // The scanner's fast way to the same node: a child of parent named name.
     static KVNFileNodePtr makeChild(const KVNFileNodePtr &parent, const QByteArray &name);
     // A one-off node for an absolute path, with attributes read from disk and no cache.
@@ -112,10 +112,10 @@ private:
     std::weak_ptr<KVNFileNode> parent_;
     std::shared_ptr<const KVNNodeLocation> location_;
     QByteArray name_;
-    std::unique_ptr<Children> children_;   // guarded by the scan: only it adds children
-    std::unique_ptr<Observers> observers_; // guarded by a striped lock
+    std::unique_ptr<Children> children_;           // guarded by the scan: only it adds children
+    std::unique_ptr<Observers> observers_;         // guarded by a striped lock
     mutable std::unique_ptr<LazyCache> lazyAttrs_; // guarded by a striped lock
-    KVNFileAttributes attrs_;              // guarded by a striped lock
+    KVNFileAttributes attrs_;                      // guarded by a striped lock
     std::atomic<int32_t> diffResult_{KVNDiffResultUnknown};
     std::atomic<uint32_t> crc32_{0};
     uint32_t depthHint_ = 0;

@@ -15,8 +15,7 @@ class KVNFileTree {
 public:
     KVNFileTree(std::shared_ptr<const KVNRelativeLookupDict> relativeLookupDict, KVNFileNodePtr fileTreeRoot)
         : relativeLookupDict_(std::move(relativeLookupDict)), fileTreeRoot_(std::move(fileTreeRoot))
-    {
-    }
+    {}
     const std::shared_ptr<const KVNRelativeLookupDict> &relativeLookupDict() const { return relativeLookupDict_; }
     const KVNFileNodePtr &fileTreeRoot() const { return fileTreeRoot_; }
 

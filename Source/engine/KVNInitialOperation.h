@@ -16,7 +16,8 @@ public:
 // The first operation of a run: tells the delegate, on the main thread without waiting.
 class KVNInitialOperation : public KVNOperation {
 public:
-    explicit KVNInitialOperation(std::weak_ptr<KVNInitialOperationDelegate> delegate) : delegate_(std::move(delegate)) {}
+    explicit KVNInitialOperation(std::weak_ptr<KVNInitialOperationDelegate> delegate) : delegate_(std::move(delegate))
+    {}
 
 protected:
     void main() override;

@@ -8,8 +8,7 @@ class KVNMarkSingleOperation : public KVNOperation {
 public:
     KVNMarkSingleOperation(KVNBuildTreeFastOperationPtr buildTreeOp1, KVNBuildTreeFastOperationPtr buildTreeOp2)
         : buildTreeOp1_(std::move(buildTreeOp1)), buildTreeOp2_(std::move(buildTreeOp2))
-    {
-    }
+    {}
 
 protected:
     void main() override;

@@ -10,9 +10,9 @@
 class KVNException : public std::exception {
 public:
     KVNException(QString name, QString reason)
-        : name_(std::move(name)), reason_(std::move(reason)), what_((name_ + QStringLiteral(": ") + reason_).toStdString())
-    {
-    }
+        : name_(std::move(name)), reason_(std::move(reason)),
+          what_((name_ + QStringLiteral(": ") + reason_).toStdString())
+    {}
     const QString &name() const { return name_; }
     const QString &reason() const { return reason_; }
     const char *what() const noexcept override { return what_.c_str(); }

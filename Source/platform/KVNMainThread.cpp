@@ -122,8 +122,7 @@ bool KVNMainThread::serviceBlockingCalls()
     return ran;
 }
 
-void KVNMainThread::waitServingBlockingCalls(std::unique_lock<std::mutex> &lock,
-                                             std::condition_variable &cv,
+void KVNMainThread::waitServingBlockingCalls(std::unique_lock<std::mutex> &lock, std::condition_variable &cv,
                                              const std::function<bool()> &ready)
 {
     if (!isMainThread()) {

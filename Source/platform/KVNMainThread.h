@@ -32,7 +32,6 @@ public:
     // Waits on cv (with lock held on entry and exit) until ready() holds, and
     // meanwhile runs the blocking calls that workers queue. Only for the main
     // thread; elsewhere it is a plain wait.
-    static void waitServingBlockingCalls(std::unique_lock<std::mutex> &lock,
-                                         std::condition_variable &cv,
+    static void waitServingBlockingCalls(std::unique_lock<std::mutex> &lock, std::condition_variable &cv,
                                          const std::function<bool()> &ready);
 };

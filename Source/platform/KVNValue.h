@@ -45,8 +45,8 @@ public:
     const std::shared_ptr<const KVNKeyValueCoding> &toObject() const { return std::get<6>(storage_); }
 
 private:
-    using Storage = std::variant<std::monostate, bool, int64_t, double, QString, KVNDate,
-                                 std::shared_ptr<const KVNKeyValueCoding>>;
+    using Storage =
+        std::variant<std::monostate, bool, int64_t, double, QString, KVNDate, std::shared_ptr<const KVNKeyValueCoding>>;
     explicit KVNValue(Storage s) : storage_(std::move(s)) {}
     Storage storage_;
 };

@@ -7,10 +7,8 @@
 KVNBuildTableOperation::KVNBuildTableOperation(KVNBuildTreeFastOperationPtr buildTreeOp1,
                                                KVNBuildTreeFastOperationPtr buildTreeOp2,
                                                std::shared_ptr<KVNArrayController> arrayController)
-    : arrayBatcher_(arrayController, 0.5),
-      buildTreeOp1_(std::move(buildTreeOp1)),
-      buildTreeOp2_(std::move(buildTreeOp2)),
-      arrayController_(std::move(arrayController))
+    : arrayBatcher_(arrayController, 0.5), buildTreeOp1_(std::move(buildTreeOp1)),
+      buildTreeOp2_(std::move(buildTreeOp2)), arrayController_(std::move(arrayController))
 {
     arrayBatcher_.setDelegate(this);
 }

@@ -73,8 +73,7 @@ KVNDiffSourceArrayControllersOperation::KVNDiffSourceArrayControllersOperation(
     std::shared_ptr<KVNArrayController> updatedSourceArrayController, KVNOperationQueue *operationQueue,
     std::shared_ptr<KVNFinalOperationDelegate> finalDelegate)
     : boundSourceArrayController_(std::move(boundSourceArrayController)),
-      updatedSourceArrayController_(std::move(updatedSourceArrayController)),
-      opQueue_(operationQueue),
+      updatedSourceArrayController_(std::move(updatedSourceArrayController)), opQueue_(operationQueue),
       finalDelegate_(std::move(finalDelegate))
 {
     if (!KVNMainThread::isMainThread())
@@ -156,8 +155,8 @@ void KVNDiffSourceArrayControllersOperation::scheduleRowsToRecompare(const KVNTa
 {
     std::vector<KVNCompareFileWorkItem> fileItems;
     std::vector<KVNCompareDirWorkItem> dirItems;
-    static const KVNPredicatePtr singles = KVNPredicate::predicateWithFormat(
-        QStringLiteral("(rightNode == nil) || (leftNode == nil)"));
+    static const KVNPredicatePtr singles =
+        KVNPredicate::predicateWithFormat(QStringLiteral("(rightNode == nil) || (leftNode == nil)"));
     static const KVNPredicatePtr directories = KVNPredicate::predicateWithFormat(QStringLiteral("isDirectory == YES"));
     for (const auto &row : rows) {
         auto left = row->leftNode();

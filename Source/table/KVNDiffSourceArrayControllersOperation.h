@@ -9,8 +9,7 @@
 #include <unordered_set>
 #include <vector>
 
-using KVNTableElementSet =
-    std::unordered_set<KVNDirDiffTableElementPtr, KVNTableElementHash, KVNTableElementEqual>;
+using KVNTableElementSet = std::unordered_set<KVNDirDiffTableElementPtr, KVNTableElementHash, KVNTableElementEqual>;
 
 // Merges a rescan's unbound table into the table on show, by relative path:
 // rows that went away are removed, new rows inserted at their place, rows whose

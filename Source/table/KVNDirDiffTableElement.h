@@ -43,7 +43,7 @@ public:
     void setParentElement(const KVNDirDiffTableElementPtr &parent);
     // A snapshot: rows may be added or removed by other threads meanwhile.
     std::vector<KVNDirDiffTableElementPtr> childElements() const;
-    bool hasChildElements() const; // false while the list is nil
+    bool hasChildElements() const;                                // false while the list is nil
     void addChildElement(const KVNDirDiffTableElementPtr &child); // creates the list on first use
     void removeChildElement(const KVNDirDiffTableElement *child);
     std::vector<KVNDirDiffTableElementPtr> filteredChildren(const KVNPredicatePtr &predicate) const;

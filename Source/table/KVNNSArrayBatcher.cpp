@@ -3,8 +3,7 @@
 KVNNSArrayBatcher::KVNNSArrayBatcher(std::shared_ptr<KVNArrayController> bufferedArrayController,
                                      double flushPercentage)
     : bufferedArrayController_(std::move(bufferedArrayController)), flushPercentage_(flushPercentage)
-{
-}
+{}
 
 void KVNNSArrayBatcher::addObjectToQueue(const KVNDirDiffTableElementPtr &object)
 {

@@ -2,11 +2,9 @@
 
 KVNRefreshTableOperation::KVNRefreshTableOperation(KVNPredicatePtr exclusionPredicate, uint64_t startingElementIndex,
                                                    std::vector<KVNDirDiffTableElementPtr> arrangedObjects)
-    : exclusionPredicate_(std::move(exclusionPredicate)),
-      startingElementIndex_(startingElementIndex),
+    : exclusionPredicate_(std::move(exclusionPredicate)), startingElementIndex_(startingElementIndex),
       arrangedObjects_(std::move(arrangedObjects))
-{
-}
+{}
 
 void KVNRefreshTableOperation::main()
 {

@@ -2,8 +2,8 @@
 // that tests can run a comparison in a process of its own (for example as an
 // unprivileged user). Line format, tab-separated:
 //   path  left-result|-  right-result|-  row-result  direction
-#include "KVNDirCompDocument.h"
 #include "KVNDiffResult.h"
+#include "KVNDirCompDocument.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -30,7 +30,8 @@ int main(int argc, char **argv)
         const QByteArray line = row->displayRelativePath().toUtf8() + '\t' +
                                 (left ? QByteArray::number(left->diffResult()) : QByteArray("-")) + '\t' +
                                 (right ? QByteArray::number(right->diffResult()) : QByteArray("-")) + '\t' +
-                                QByteArray::number(row->diffResult()) + '\t' + QByteArray::number(row->mergeDirection());
+                                QByteArray::number(row->diffResult()) + '\t' +
+                                QByteArray::number(row->mergeDirection());
         std::puts(line.constData());
     }
     return 0;

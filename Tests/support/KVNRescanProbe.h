@@ -15,8 +15,8 @@ using KVNReconcilePtr = std::shared_ptr<KVNDiffSourceArrayControllersOperation>;
 // instead of the document, so that a test can read the rows after the
 // recompare and before a status refresh has been over them. Returns with the
 // queue empty; reconcile is the operation that merged the tables.
-inline void KVNRescanUntilFinalReport(KVNTestComparison &comparison, const KVNTestTree &left,
-                                      const KVNTestTree &right, KVNReconcilePtr &reconcile)
+inline void KVNRescanUntilFinalReport(KVNTestComparison &comparison, const KVNTestTree &left, const KVNTestTree &right,
+                                      KVNReconcilePtr &reconcile)
 {
     auto probe = std::make_shared<KVNFinalProbe>();
     auto &queue = comparison.document->refreshOperationQueue();
@@ -27,7 +27,7 @@ inline void KVNRescanUntilFinalReport(KVNTestComparison &comparison, const KVNTe
     buildTable->addDependency(scanLeft);
     buildTable->addDependency(scanRight);
     reconcile = std::make_shared<KVNDiffSourceArrayControllersOperation>(comparison.document->sourceArrayController(),
-                                                                        unbound, &queue, probe);
+                                                                         unbound, &queue, probe);
     reconcile->addDependency(buildTable);
     queue.addOperations({scanLeft, scanRight, buildTable, reconcile});
     // Without folder rows to compare, the report may come before the files are done.

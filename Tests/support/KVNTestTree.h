@@ -16,7 +16,7 @@ public:
     KVNTestTree();
     // In a folder of the caller's choice, for example memory-backed for a large tree.
     explicit KVNTestTree(const QString &parentDirectory);
-    ~KVNTestTree(); // removes the tree byte by byte: names need not be text
+    ~KVNTestTree();          // removes the tree byte by byte: names need not be text
     QByteArray root() const; // absolute path, as bytes
     QByteArray path(const QByteArray &relative) const;
 
@@ -42,12 +42,13 @@ struct KVNTestComparison {
     std::map<QString, KVNDirDiffTableElementPtr> byPath;
 
     // Runs a full comparison (and its status refresh) of two trees.
-    static KVNTestComparison run(const KVNTestTree &left, const KVNTestTree &right, const QString &exclusion = QString());
+    static KVNTestComparison run(const KVNTestTree &left, const KVNTestTree &right,
+                                 const QString &exclusion = QString());
     // Runs the update path after the disk changed, and re-reads the rows.
     void update();
     void reread();
     KVNDirDiffTableElementPtr row(const QString &path) const; // null when absent
-    QStringList paths() const; // rows in table order
+    QStringList paths() const;                                // rows in table order
 };
 
 // Runs the event loop until the document has no run pending and an empty queue.

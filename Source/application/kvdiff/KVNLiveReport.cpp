@@ -34,8 +34,7 @@ void writeOut(const QByteArray &bytes)
 KVNLiveReport::KVNLiveReport(std::shared_ptr<KVNDirCompDocument> document, KVNReportWriter writer, bool json,
                              KVNFilterAction filter)
     : document_(std::move(document)), writer_(std::move(writer)), json_(json), filter_(filter)
-{
-}
+{}
 
 void KVNLiveReport::printReport()
 {

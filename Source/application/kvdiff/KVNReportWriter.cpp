@@ -85,8 +85,8 @@ bool KVNReportWriter::hasDifferences(KVNDirCompDocument &document)
         const int32_t result = row->diffResult();
         if (!row->isDirectory() && result != KVNDiffResultSame)
             return true;
-        if (row->isDirectory() && (result == KVNDiffResultDiffer || result == KVNDiffResultSingle ||
-                                   result == KVNDiffResultDifferSingle))
+        if (row->isDirectory() &&
+            (result == KVNDiffResultDiffer || result == KVNDiffResultSingle || result == KVNDiffResultDifferSingle))
             return true;
         for (auto &child : row->childElements())
             pending.push_back(std::move(child));

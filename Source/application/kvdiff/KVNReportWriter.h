@@ -20,8 +20,7 @@ class KVNReportWriter {
 public:
     KVNReportWriter(QByteArray originalRoot, QByteArray modifiedRoot)
         : originalRoot_(std::move(originalRoot)), modifiedRoot_(std::move(modifiedRoot))
-    {
-    }
+    {}
 
     // Every row the outline would show, in outline order, all expanded.
     static std::vector<KVNReportRow> visibleRows(KVNDirCompDocument &document);

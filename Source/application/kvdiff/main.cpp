@@ -1,7 +1,7 @@
 // kvdiff: compares two directories, or a saved session, from the command line.
 #include "KVNDirCompDocument.h"
-#include "KVNPathBytes.h"
 #include "KVNLiveReport.h"
+#include "KVNPathBytes.h"
 #include "KVNReportWriter.h"
 #include "KVNUserDefaults.h"
 
@@ -28,30 +28,29 @@ int fail(const QString &message)
     return 2;
 }
 
-const char *kUsage =
-    "usage: kvdiff [--report[=text|json]] [--filter=default|changed|single|same|all]\n"
-    "              [--exclude=PREDICATE]... ORIGINAL MODIFIED\n"
-    "       kvdiff --watch[=text|json] [--until-eof] [options] ORIGINAL MODIFIED\n"
-    "       kvdiff [options] --session FILE\n"
-    "       kvdiff --version | --help\n"
-    "\n"
-    "Compares two directory trees and prints every row the comparison shows, in\n"
-    "outline order, expanded: as text in the style of diff -rq, or as JSON.\n"
-    "\n"
-    "  --report[=FORMAT]   text (the default) or json\n"
-    "  --filter=NAME       which rows to print: default (single and changed), changed,\n"
-    "                      single, same or all; it does not change the exit status\n"
-    "  --exclude=PRED      leave out what the predicate matches, e.g.\n"
-    "                      'spotlightItemFSName LIKE[c] \"*.o\"'; widens the exclusion in\n"
-    "                      force (the default, or the session's) and may be repeated\n"
-    "  --session FILE      compare what a saved session names, under its exclusion\n"
-    "  --watch[=FORMAT]    print the report, then keep watching both trees and print\n"
-    "                      it again after every change: JSON Lines, or for text the\n"
-    "                      lines that changed, prefixed + and -; ends on Ctrl-C\n"
-    "  --until-eof         with --watch, also end when standard input ends\n"
-    "\n"
-    "Exit status: 0 when nothing differs or stands on one side, 1 when something\n"
-    "does, 2 on trouble.\n";
+const char *kUsage = "usage: kvdiff [--report[=text|json]] [--filter=default|changed|single|same|all]\n"
+                     "              [--exclude=PREDICATE]... ORIGINAL MODIFIED\n"
+                     "       kvdiff --watch[=text|json] [--until-eof] [options] ORIGINAL MODIFIED\n"
+                     "       kvdiff [options] --session FILE\n"
+                     "       kvdiff --version | --help\n"
+                     "\n"
+                     "Compares two directory trees and prints every row the comparison shows, in\n"
+                     "outline order, expanded: as text in the style of diff -rq, or as JSON.\n"
+                     "\n"
+                     "  --report[=FORMAT]   text (the default) or json\n"
+                     "  --filter=NAME       which rows to print: default (single and changed), changed,\n"
+                     "                      single, same or all; it does not change the exit status\n"
+                     "  --exclude=PRED      leave out what the predicate matches, e.g.\n"
+                     "                      'spotlightItemFSName LIKE[c] \"*.o\"'; widens the exclusion in\n"
+                     "                      force (the default, or the session's) and may be repeated\n"
+                     "  --session FILE      compare what a saved session names, under its exclusion\n"
+                     "  --watch[=FORMAT]    print the report, then keep watching both trees and print\n"
+                     "                      it again after every change: JSON Lines, or for text the\n"
+                     "                      lines that changed, prefixed + and -; ends on Ctrl-C\n"
+                     "  --until-eof         with --watch, also end when standard input ends\n"
+                     "\n"
+                     "Exit status: 0 when nothing differs or stands on one side, 1 when something\n"
+                     "does, 2 on trouble.\n";
 
 struct Options {
     bool json = false;
@@ -94,7 +93,8 @@ void runToCompletion(KVNDirCompDocument &document)
     const bool terminal = ::isatty(STDERR_FILENO);
     if (terminal) {
         QObject::connect(&progress, &QTimer::timeout, [&document] {
-            std::fprintf(stderr, "\r\033[KComparing: %zu rows", document.sourceArrayController()->arrangedObjectsCount());
+            std::fprintf(stderr, "\r\033[KComparing: %zu rows",
+                         document.sourceArrayController()->arrangedObjectsCount());
         });
         progress.start(200);
     }
@@ -131,7 +131,8 @@ int main(int argc, char **argv)
         } else if (argument == "--report=json") {
             options.json = true;
         } else if (argument.startsWith("--report=")) {
-            return fail(QStringLiteral("unknown report format '%1' (text or json)").arg(QString::fromLocal8Bit(argument.mid(9))));
+            return fail(QStringLiteral("unknown report format '%1' (text or json)")
+                            .arg(QString::fromLocal8Bit(argument.mid(9))));
         } else if (argument.startsWith("--filter=")) {
             auto filter = filterNamed(argument.mid(9));
             if (!filter)
@@ -160,7 +161,9 @@ int main(int argc, char **argv)
     for (const QString &text : options.excludes) {
         const auto parsed = KVNPredicate::parse(text);
         if (!parsed.ok())
-            return fail(QStringLiteral("bad --exclude predicate at %1: %2").arg(parsed.error->position).arg(parsed.error->message));
+            return fail(QStringLiteral("bad --exclude predicate at %1: %2")
+                            .arg(parsed.error->position)
+                            .arg(parsed.error->message));
         excludes.push_back(parsed.predicate);
     }
 
@@ -174,7 +177,8 @@ int main(int argc, char **argv)
             return fail(QStringLiteral("%1: %2").arg(QString::fromLocal8Bit(options.session), file.errorString()));
         KVNDocumentError error;
         if (!document->readFromData(file.readAll(), &error))
-            return fail(QStringLiteral("%1: %2").arg(QString::fromLocal8Bit(options.session), error.recoverySuggestion));
+            return fail(
+                QStringLiteral("%1: %2").arg(QString::fromLocal8Bit(options.session), error.recoverySuggestion));
     } else {
         if (options.paths.size() != 2)
             return fail(QStringLiteral("expected two directories; see kvdiff --help"));

@@ -36,8 +36,8 @@ std::string demangled(const char *name)
 {
     // Whatever the program already printed comes before the report.
     std::fflush(nullptr);
-    writeAll("*** Terminating on an unhandled exception '" + type + "', reason: '"
-             + (reason ? reason : "") + "'\n*** Call stack at the report:\n");
+    writeAll("*** Terminating on an unhandled exception '" + type + "', reason: '" + (reason ? reason : "") +
+             "'\n*** Call stack at the report:\n");
     void *frames[128];
     const int count = ::backtrace(frames, 128);
     // Writes straight to the descriptor, without allocating.

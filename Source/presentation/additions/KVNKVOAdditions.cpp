@@ -10,9 +10,8 @@ namespace {
 using ObservedObject = std::shared_ptr<const void>;
 } // namespace
 
-void prepareSafeObserveForKeyPath(KVNSafeObserver *observer, QObject *lifetimeReceiver,
-                                  const QString &keyPath, std::shared_ptr<const void> object,
-                                  QVariantMap change, void *context)
+void prepareSafeObserveForKeyPath(KVNSafeObserver *observer, QObject *lifetimeReceiver, const QString &keyPath,
+                                  std::shared_ptr<const void> object, QVariantMap change, void *context)
 {
     if (!observer || !lifetimeReceiver)
         throw std::invalid_argument("prepareSafeObserveForKeyPath: observer and receiver are required");

@@ -16,8 +16,8 @@ public:
     virtual ~KVNSafeObserver() = default;
 
     // Main thread only. A null context is a notification that had none.
-    virtual void saferObserveValueForKeyPath(const QString &keyPath, const void *object,
-                                             const QVariantMap &change, void *context) = 0;
+    virtual void saferObserveValueForKeyPath(const QString &keyPath, const void *object, const QVariantMap &change,
+                                             void *context) = 0;
 };
 
 // Builds the record of one notification (the keys "keyPath", "object",
@@ -27,18 +27,17 @@ public:
 // and outlives observer's use (usually it is the observer itself): once it is
 // destroyed, nothing more is delivered. A null observer, receiver or object
 // throws std::invalid_argument.
-void prepareSafeObserveForKeyPath(KVNSafeObserver *observer, QObject *lifetimeReceiver,
-                                  const QString &keyPath, std::shared_ptr<const void> object,
-                                  QVariantMap change, void *context);
+void prepareSafeObserveForKeyPath(KVNSafeObserver *observer, QObject *lifetimeReceiver, const QString &keyPath,
+                                  std::shared_ptr<const void> object, QVariantMap change, void *context);
 
 // The usual case: the observer is a QObject and bounds its own deliveries.
 template <class Observer>
-    requires std::derived_from<Observer, KVNSafeObserver> && std::derived_from<Observer, QObject>
-void prepareSafeObserveForKeyPath(Observer *observer, const QString &keyPath,
-                                  std::shared_ptr<const void> object, QVariantMap change, void *context)
+requires std::derived_from<Observer, KVNSafeObserver> && std::derived_from<Observer, QObject>
+void prepareSafeObserveForKeyPath(Observer *observer, const QString &keyPath, std::shared_ptr<const void> object,
+                                  QVariantMap change, void *context)
 {
-    prepareSafeObserveForKeyPath(static_cast<KVNSafeObserver *>(observer), static_cast<QObject *>(observer),
-                                 keyPath, std::move(object), std::move(change), context);
+    prepareSafeObserveForKeyPath(static_cast<KVNSafeObserver *>(observer), static_cast<QObject *>(observer), keyPath,
+                                 std::move(object), std::move(change), context);
 }
 
 // Unpacks a record built above and calls observer->saferObserveValueForKeyPath.

@@ -92,15 +92,13 @@ QByteArray absolutized(const QByteArray &path)
 // through the URL; the characters a path may show as they are stay readable.
 QUrl urlFromAbsolutePath(const QByteArray &absolutePath)
 {
-    return QUrl::fromEncoded("file://" + absolutePath.toPercentEncoding("/!$&'()*+,;=:@"),
-                             QUrl::StrictMode);
+    return QUrl::fromEncoded("file://" + absolutePath.toPercentEncoding("/!$&'()*+,;=:@"), QUrl::StrictMode);
 }
 
 bool isDirectoryAt(const QByteArray &path, bool followFinalLink)
 {
     struct stat attributes;
-    const int status = followFinalLink ? ::stat(path.constData(), &attributes)
-                                       : ::lstat(path.constData(), &attributes);
+    const int status = followFinalLink ? ::stat(path.constData(), &attributes) : ::lstat(path.constData(), &attributes);
     return status == 0 && S_ISDIR(attributes.st_mode);
 }
 
@@ -144,8 +142,8 @@ QUrl URLDeletingLastPathComponent(const QUrl &url)
     const QByteArray absoluteString = url.toString(QUrl::FullyEncoded).toLatin1();
     const QByteArray rest = deletingLastPathComponent(absoluteString);
     if (rest.isEmpty())
-        throw std::invalid_argument("URLDeletingLastPathComponent: no path left of \""
-                                    + absoluteString.toStdString() + "\"");
+        throw std::invalid_argument("URLDeletingLastPathComponent: no path left of \"" + absoluteString.toStdString() +
+                                    "\"");
     return fileURLWithPath(rest);
 }
 
@@ -185,7 +183,9 @@ QByteArray saneFilePath(const QByteArray &path)
         if (!S_ISLNK(attributes.st_mode))
             return QByteArray();
         const qsizetype slash = path.lastIndexOf('/');
-        const QByteArray parent = slash < 0 ? QByteArrayLiteral(".") : slash == 0 ? QByteArrayLiteral("/") : path.left(slash);
+        const QByteArray parent = slash < 0    ? QByteArrayLiteral(".")
+                                  : slash == 0 ? QByteArrayLiteral("/")
+                                               : path.left(slash);
         const QByteArray resolvedParent = resolvedPath(parent);
         if (resolvedParent.isEmpty())
             return QByteArray();
