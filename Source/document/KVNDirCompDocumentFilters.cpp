@@ -128,8 +128,11 @@ void KVNDirCompDocument::excludeByFilename(const KVNDirDiffTableElementPtr &elem
 {
     if (!element)
         return;
-    // Not escaped: a name with a star or a question mark excludes what it matches as a pattern.
-    const QString name = KVNPathBytes::displayString(KVNPathBytes::lastComponent(element->relativePath()));
+    // Stars and question marks stay wildcards, as they always have: such a name
+    // excludes what it matches as a pattern. A backslash, which would escape the
+    // next character, is doubled so that the name (or its display form) matches itself.
+    QString name = KVNPathBytes::displayString(KVNPathBytes::lastComponent(element->relativePath()));
+    name.replace(QLatin1Char('\\'), QLatin1String("\\\\"));
     auto rule = KVNPredicate::predicateWithFormat(QStringLiteral("spotlightItemFSName LIKE[c] %@"),
                                                   {KVNValue::fromString(name)});
     setExclusionPredicate(exclusionPredicate_ ? KVNPredicate::orPredicateWithSubpredicates({exclusionPredicate_, rule})

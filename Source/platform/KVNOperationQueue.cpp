@@ -27,6 +27,7 @@ void KVNOperationQueueState::add(const KVNOperationPtr &operation)
             return;
         all.push_back(operation);
         ++liveCount;
+        recordCountChange(liveCount, liveCount - 1);
     }
     if (operation->attachToQueue(shared_from_this()))
         makeReady(operation);
@@ -64,6 +65,7 @@ void KVNOperationQueueState::removeFinished(KVNOperation *operation)
             all[it->second].reset();
             index.erase(it);
             --liveCount;
+            recordCountChange(liveCount, liveCount + 1);
             ++finishedTotal;
             // Compact now and then, so that the list stays proportional to what is live.
             if (++removedSinceCompaction > 1024 && removedSinceCompaction > liveCount) {
@@ -81,20 +83,37 @@ void KVNOperationQueueState::removeFinished(KVNOperation *operation)
     idleCv.notify_all();
 }
 
+void KVNOperationQueueState::recordCountChange(std::size_t newCount, std::size_t oldCount)
+{
+    if (newCount == 0 || oldCount == 0)
+        zeroCrossings.emplace_back(newCount, oldCount);
+}
+
 void KVNOperationQueueState::notifyCount()
 {
     std::lock_guard notifyLock(notifyMutex);
-    std::size_t count;
-    {
-        std::lock_guard lock(mutex);
-        count = liveCount;
+    for (;;) {
+        std::size_t count;
+        {
+            std::lock_guard lock(mutex);
+            if (!zeroCrossings.empty()) {
+                count = zeroCrossings.front().first;
+                zeroCrossings.pop_front();
+            } else {
+                count = liveCount;
+            }
+        }
+        if (count == lastNotifiedCount) {
+            std::lock_guard lock(mutex);
+            if (zeroCrossings.empty())
+                return;
+            continue;
+        }
+        const std::size_t old = lastNotifiedCount;
+        lastNotifiedCount = count;
+        if (countObserver)
+            countObserver(count, old);
     }
-    if (count == lastNotifiedCount)
-        return;
-    const std::size_t old = lastNotifiedCount;
-    lastNotifiedCount = count;
-    if (countObserver)
-        countObserver(count, old);
 }
 
 void KVNOperationQueueState::workerLoop()

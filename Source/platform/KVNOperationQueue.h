@@ -38,8 +38,9 @@ public:
     std::size_t finishedOperationTotal() const;
 
     // Told on the thread that changed the count, outside the queue's lock, in
-    // the order of the changes; a burst of changes may arrive as one. The
-    // observer must not call back into the queue synchronously.
+    // the order of the changes; a burst of changes may arrive as one, but every
+    // change to or from zero is told. The observer must not call back into the
+    // queue synchronously.
     using CountObserver = std::function<void(std::size_t newCount, std::size_t oldCount)>;
     void setOperationCountObserver(CountObserver observer);
 

@@ -34,6 +34,10 @@ struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueSt
     std::mutex notifyMutex;
     std::function<void(std::size_t, std::size_t)> countObserver;
     std::size_t lastNotifiedCount = 0;
+    // Changes to or from zero, in order: they are never folded into others, so
+    // an observer always sees a queue start and end, however brief the work.
+    std::deque<std::pair<std::size_t, std::size_t>> zeroCrossings;
+    void recordCountChange(std::size_t newCount, std::size_t oldCount); // with mutex held
 
     void add(const KVNOperationPtr &operation);
     std::vector<KVNOperationPtr> markAllCancelled();
