@@ -47,8 +47,9 @@ KVNDirCompDocument::~KVNDirCompDocument()
 {
     removeFSEventWatchers();
     refreshOperationQueue_->setOperationCountObserver(nullptr);
-    refreshOperationQueue_->cancelAllOperations();
-    refreshOperationQueue_->waitUntilAllOperationsAreFinished();
+    // The queue cancels and waits for its work, unless this runs on one of its
+    // own workers (an operation held the last reference), where it cannot wait.
+    refreshOperationQueue_.reset();
 }
 
 void KVNDirCompDocument::setOriginalURL(const QByteArray &original, const QByteArray &modified,
