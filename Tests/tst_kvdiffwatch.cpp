@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <functional>
 
 class TestKvdiffWatch : public QObject {
     Q_OBJECT
@@ -87,6 +88,69 @@ private slots:
         QCOMPARE(rowA(4).value("result").toString(), QStringLiteral("different"));
 
         // End of input ends it cleanly, with the status of the last report.
+        watch.process.closeWriteChannel();
+        QVERIFY(watch.process.waitForFinished(30000));
+        QCOMPARE(watch.process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(watch.process.exitCode(), 1);
+    }
+
+    void rowsFollowStructuralChanges()
+    {
+        KVNTestTree left, right;
+        for (auto *tree : {&left, &right}) {
+            tree->file("a/one", "1");
+            tree->file("a/two", "2");
+            tree->file("Case.txt", "c");
+        }
+        Watch watch;
+        watch.start({"--watch=json", "--filter=all", "--until-eof", QString::fromLocal8Bit(left.root()),
+                     QString::fromLocal8Bit(right.root())});
+        QVERIFY(watch.waitFor(1));
+        // Reads reports until the newest one satisfies the condition; changes may
+        // arrive in one update or in several. A change made while an update scans
+        // goes unseen until the next event, so a fresh file pokes the watch first.
+        int pokes = 0;
+        const auto until = [&](const std::function<bool(const QStringList &, const QJsonArray &)> &condition) {
+            QTest::qWait(1500);
+            left.file("poke" + QByteArray::number(++pokes), "p");
+            for (int sequence = watch.reports.size() + 1; watch.waitFor(sequence, 30000); ++sequence) {
+                const QJsonArray rows = watch.reports[sequence - 1].value("rows").toArray();
+                if (condition(watch.paths(sequence), rows))
+                    return true;
+            }
+            return false;
+        };
+
+        // A new directory with files: rows for all of them, in pre-order.
+        right.file("b/inner/x", "x");
+        right.file("b/y", "y");
+        QVERIFY(until(
+            [](const QStringList &p, const QJsonArray &) { return p.contains("./b/inner/x") && p.contains("./b/y"); }));
+        const QStringList paths = watch.paths(watch.reports.size());
+        QVERIFY(paths.indexOf("./b") < paths.indexOf("./b/inner"));
+        QVERIFY(paths.indexOf("./b/inner") < paths.indexOf("./b/inner/x"));
+
+        // Deleted on one side: the row stays, single; on both sides: the row goes.
+        left.remove("a/one");
+        right.remove("a/two");
+        left.remove("a/two");
+        QVERIFY(until(
+            [](const QStringList &p, const QJsonArray &) { return !p.contains("./a/two") && p.contains("./a/one"); }));
+
+        // A case-only rename on the left: the old path goes, the new one comes.
+        left.rename("Case.txt", "CASE.txt");
+        QVERIFY(until([](const QStringList &p, const QJsonArray &) {
+            return p.contains("./CASE.txt") && !p.contains("./Case.txt");
+        }));
+
+        // A root that vanishes is rescanned as what is there: every row is left-only.
+        right.remove("");
+        QVERIFY(until([](const QStringList &, const QJsonArray &rows) {
+            for (const auto &row : rows)
+                if (!row.toObject().value("right").isNull())
+                    return false;
+            return !rows.isEmpty();
+        }));
         watch.process.closeWriteChannel();
         QVERIFY(watch.process.waitForFinished(30000));
         QCOMPARE(watch.process.exitStatus(), QProcess::NormalExit);

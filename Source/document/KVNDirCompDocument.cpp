@@ -98,6 +98,7 @@ void KVNDirCompDocument::setStatus(const QString &format)
 void KVNDirCompDocument::markRunStarted()
 {
     runPending_ = true;
+    runRefreshed_ = false;
     latestRefresh_ = nullptr;
 }
 
@@ -254,14 +255,23 @@ void KVNDirCompDocument::refreshComplete(KVNRefreshTableOperation *operation)
         if (!self)
             return;
         self->view().reloadData();
-        // The refresh a finished run scheduled ends that run.
         if (self->runPending_ && finished == self->latestRefresh_) {
-            self->runPending_ = false;
-            ++self->completedRuns_;
-            if (self->runCompletedHandler_)
-                self->runCompletedHandler_();
+            self->runRefreshed_ = true;
+            self->finishRunIfSettled();
         }
     });
+}
+
+void KVNDirCompDocument::finishRunIfSettled()
+{
+    // A run ends with the refresh it scheduled, and once the queue is empty: an
+    // update may report before its last file compares are in.
+    if (!runPending_ || !runRefreshed_ || refreshOperationQueue_->operationCount() != 0)
+        return;
+    runPending_ = false;
+    ++completedRuns_;
+    if (runCompletedHandler_)
+        runCompletedHandler_();
 }
 
 void KVNDirCompDocument::buildTableOperation(KVNBuildTableOperation *, const std::vector<KVNDirDiffTableElementPtr> *)
@@ -290,6 +300,8 @@ void KVNDirCompDocument::saferObserveValueForKeyPath(const QString &keyPath, con
         if (object != refreshOperationQueue_.get())
             return;
         const qulonglong count = change.value(QStringLiteral("new")).toULongLong();
+        if (count == 0)
+            finishRunIfSettled();
         KVNDirCompDocumentView &shown = view();
         if (count != 0 && shown.isSpinnerHidden()) {
             shown.startSpinner();

@@ -164,6 +164,7 @@ private:
     // The first stage of every run: the initial operation and the two scans after it.
     std::tuple<KVNOperationPtr, KVNBuildTreeFastOperationPtr, KVNBuildTreeFastOperationPtr> makeScans();
     void markRunStarted();
+    void finishRunIfSettled();
 
     KVNDirCompDocumentView *view_ = nullptr; // not owned
     KVNDirCompDocumentView headlessView_;
@@ -188,6 +189,7 @@ private:
     int changeCount_ = 0;
     bool closed_ = false;
     bool runPending_ = false;
+    bool runRefreshed_ = false;
     const void *latestRefresh_ = nullptr; // identity only, never dereferenced
     int completedRuns_ = 0;
     std::function<void()> runCompletedHandler_;
