@@ -155,9 +155,9 @@ void KVNDiffSourceArrayControllersOperation::scheduleRowsToRecompare(const KVNTa
 {
     std::vector<KVNCompareFileWorkItem> fileItems;
     std::vector<KVNCompareDirWorkItem> dirItems;
-    static const KVNPredicatePtr singles =
+    const KVNPredicatePtr singles =
         KVNPredicate::predicateWithFormat(QStringLiteral("(rightNode == nil) || (leftNode == nil)"));
-    static const KVNPredicatePtr directories = KVNPredicate::predicateWithFormat(QStringLiteral("isDirectory == YES"));
+    const KVNPredicatePtr directories = KVNPredicate::predicateWithFormat(QStringLiteral("isDirectory == YES"));
     for (const auto &row : rows) {
         auto left = row->leftNode();
         auto right = row->rightNode();

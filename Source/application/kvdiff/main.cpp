@@ -209,5 +209,8 @@ int main(int argc, char **argv)
     }
     const bool differs = report.lastReportDiffers();
     document->goodByeKiss();
+    // Work still queued holds the document; let it end before the process does.
+    document->refreshOperationQueue().cancelAllOperations();
+    document->refreshOperationQueue().waitUntilAllOperationsAreFinished();
     return differs ? 1 : 0;
 }
