@@ -44,6 +44,11 @@ public:
     using CountObserver = std::function<void(std::size_t newCount, std::size_t oldCount)>;
     void setOperationCountObserver(CountObserver observer);
 
+    // Told on the worker thread just before an operation runs (started true)
+    // and just after it has finished; for statistics. Set it while the queue is idle.
+    using RunObserver = std::function<void(const KVNOperation &operation, bool started)>;
+    void setOperationRunObserver(RunObserver observer);
+
 private:
     std::shared_ptr<KVNOperationQueueState> state_;
 };

@@ -27,6 +27,7 @@ public:
     KVNRefreshTableOperation(KVNPredicatePtr exclusionPredicate, uint64_t startingElementIndex,
                              std::vector<KVNDirDiffTableElementPtr> arrangedObjects);
     void setDelegate(std::weak_ptr<KVNRefreshTableOperationDelegate> delegate) { delegate_ = std::move(delegate); }
+    std::size_t elementCount() const { return arrangedObjects_.size(); }
 
 protected:
     void main() override;

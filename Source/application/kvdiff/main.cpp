@@ -3,6 +3,7 @@
 #include "KVNLiveReport.h"
 #include "KVNPathBytes.h"
 #include "KVNReportWriter.h"
+#include "KVNRunStatistics.h"
 #include "KVNUserDefaults.h"
 
 #include <QCoreApplication>
@@ -28,7 +29,7 @@ int fail(const QString &message)
     return 2;
 }
 
-const char *kUsage = "usage: kvdiff [--report[=text|json]] [--filter=default|changed|single|same|all]\n"
+const char *kUsage = "usage: kvdiff [--report[=text|json]] [--filter=default|changed|single|same|all] [--stats]\n"
                      "              [--exclude=PREDICATE]... ORIGINAL MODIFIED\n"
                      "       kvdiff --watch[=text|json] [--until-eof] [options] ORIGINAL MODIFIED\n"
                      "       kvdiff [options] --session FILE\n"
@@ -48,6 +49,8 @@ const char *kUsage = "usage: kvdiff [--report[=text|json]] [--filter=default|cha
                      "                      it again after every change: JSON Lines, or for text the\n"
                      "                      lines that changed, prefixed + and -; ends on Ctrl-C\n"
                      "  --until-eof         with --watch, also end when standard input ends\n"
+                     "  --stats             print per-stage times and counts of the comparison on\n"
+                     "                      standard error\n"
                      "\n"
                      "Exit status: 0 when nothing differs or stands on one side, 1 when something\n"
                      "does, 2 on trouble.\n";
@@ -56,6 +59,7 @@ struct Options {
     bool json = false;
     bool watch = false;
     bool untilEndOfInput = false;
+    bool stats = false;
     KVNFilterAction filter = KVNFilterAction::ShowDefault;
     QStringList excludes;
     QByteArray session;
@@ -124,6 +128,8 @@ int main(int argc, char **argv)
         if (argument == "--watch" || argument == "--watch=text" || argument == "--watch=json") {
             options.watch = true;
             options.json = argument == "--watch=json";
+        } else if (argument == "--stats") {
+            options.stats = true;
         } else if (argument == "--until-eof") {
             options.untilEndOfInput = true;
         } else if (argument == "--report" || argument == "--report=text") {
@@ -194,7 +200,14 @@ int main(int argc, char **argv)
     }
     QCoreApplication::processEvents(); // let the document see its exclusion before the run
 
-    runToCompletion(*document);
+    {
+        std::optional<KVNRunStatistics> statistics;
+        if (options.stats)
+            statistics.emplace(*document);
+        runToCompletion(*document);
+        if (statistics)
+            statistics->print();
+    }
 
     // Text names the roots as the user did, as diff does; JSON gives them whole.
     const bool asTyped = !options.json && options.paths.size() == 2;
