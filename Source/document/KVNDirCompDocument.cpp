@@ -33,6 +33,10 @@ KVNDirCompDocument::KVNDirCompDocument()
     // The count reaches the main thread through the event loop, in order.
     const void *queue = refreshOperationQueue_.get();
     refreshOperationQueue_->setOperationCountObserver([this, queue](std::size_t count, std::size_t old) {
+        // Only a start or an end of work means anything here; one main-thread
+        // hop per finished operation would cost more than the operations.
+        if (count != 0 && old != 0)
+            return;
         prepareSafeObserveForKeyPath(
             this, QStringLiteral("operations.@count"), identity(queue),
             {{QStringLiteral("new"), qulonglong(count)}, {QStringLiteral("old"), qulonglong(old)}}, nullptr);

@@ -60,12 +60,13 @@ void KVNBuildTreeFastOperation::main()
             if (entry.type == KVNFileType::Directory)
                 pending.push_back(node);
             // A later entry with the same key replaces the earlier one.
-            lookup->insert(node->lowercaseRelativePath(), node);
+            lookup->insert(node);
             ++count;
         }
         itemCount_.store(count, std::memory_order_relaxed);
     }
 
+    lookup->squeeze();
     std::lock_guard lock(mutex_);
     fileTree_ = std::make_shared<const KVNFileTree>(std::move(lookup), std::move(root));
 }

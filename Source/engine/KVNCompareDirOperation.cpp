@@ -1,7 +1,7 @@
 #include "KVNCompareDirOperation.h"
 
 KVNCompareDirOperation::KVNCompareDirOperation(std::vector<KVNCompareDirWorkItem> workItems)
-    : workItems_(std::move(workItems))
+    : workItems_(workItems.begin(), workItems.end())
 {}
 
 std::vector<KVNOperationPtr>

@@ -20,35 +20,6 @@ std::atomic<uint64_t> gPairsRead{0};
 // defines the result. One buffer per side and thread, reused for every pair.
 constexpr ssize_t kExtentSize = 256 * 1024;
 
-struct BlockReader {
-    int fd;
-    char *buffer;
-    ssize_t filled = 0;
-    ssize_t offset = 0;
-
-    // The next block: its byte count (0 at the end, negative on a read error) and data.
-    ssize_t next(const char *&data)
-    {
-        if (offset >= filled) {
-            ssize_t n;
-            do {
-                n = ::read(fd, buffer, kExtentSize);
-            } while (n < 0 && errno == EINTR);
-            if (n <= 0) {
-                filled = offset = 0;
-                return n;
-            }
-            gBytesRead.fetch_add(uint64_t(n), std::memory_order_relaxed);
-            filled = n;
-            offset = 0;
-        }
-        const ssize_t count = std::min<ssize_t>(KVNCompareFileOperation::kBlockSize, filled - offset);
-        data = buffer + offset;
-        offset += count;
-        return count;
-    }
-};
-
 char *threadBuffer(int side)
 {
     thread_local std::unique_ptr<char[]> buffers[2];
@@ -63,21 +34,35 @@ char *threadBuffer(int side)
                        QStringLiteral("Unable to open file %1").arg(KVNPathBytes::displayString(node->absolutePath())));
 }
 
+// What the scan saw of a node: whether it is a regular file, and its size.
+std::pair<bool, int64_t> scannedRegularFile(const KVNFileNodePtr &node)
+{
+    const auto attrs = node->fileAttrs();
+    if (!attrs || attrs->fileType != KVNFileType::Regular || !attrs->hasSize)
+        return {false, -1};
+    return {true, int64_t(attrs->fileSize)};
+}
+
 // Opens for reading, following a link. A pipe, device or socket would block or
-// never end, so it counts as a file that cannot be opened.
-int openForCompare(const KVNFileNodePtr &node)
+// never end, so it counts as a file that cannot be opened. Only what the scan
+// did not see as a regular file needs the look at its type: O_NONBLOCK means
+// nothing to a regular file or a directory, and keeps one that has become a
+// pipe since the scan from blocking.
+int openForCompare(const KVNFileNodePtr &node, bool scannedRegular, int64_t expectedSize)
 {
     const int fd = ::open(node->absolutePath().constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0)
         return -1;
-    struct stat info;
-    if (::fstat(fd, &info) != 0 || !(S_ISREG(info.st_mode) || S_ISDIR(info.st_mode))) {
-        ::close(fd);
-        return -1;
+    if (!scannedRegular) {
+        struct stat info;
+        if (::fstat(fd, &info) != 0 || !(S_ISREG(info.st_mode) || S_ISDIR(info.st_mode))) {
+            ::close(fd);
+            return -1;
+        }
     }
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-    // The read-ahead hint; its status is of no interest.
-    ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    // The read-ahead hint, where there is enough to read ahead; its status is of no interest.
+    if (expectedSize < 0 || expectedSize > 4 * kExtentSize)
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     return fd;
 }
 
@@ -94,8 +79,47 @@ bool sizesEqual(const KVNFileNodePtr &a, const KVNFileNodePtr &b)
 
 } // namespace
 
+struct KVNCompareFileOperation::BlockReader {
+    int fd;
+    char *buffer;
+    // The size the scan saw, or -1. A short read that reaches it is the end of
+    // the file, which spares the read that would return 0; a file that has
+    // changed size since is read until a read returns 0, as always.
+    int64_t expectedSize = -1;
+    int64_t total = 0;
+    bool atEnd = false;
+    ssize_t filled = 0;
+    ssize_t offset = 0;
+
+    // The next block: its byte count (0 at the end, negative on a read error) and data.
+    ssize_t next(const char *&data)
+    {
+        if (offset >= filled) {
+            ssize_t n = 0;
+            if (!atEnd) {
+                do {
+                    n = ::read(fd, buffer, kExtentSize);
+                } while (n < 0 && errno == EINTR);
+            }
+            if (n <= 0) {
+                filled = offset = 0;
+                return n;
+            }
+            gBytesRead.fetch_add(uint64_t(n), std::memory_order_relaxed);
+            total += n;
+            atEnd = n < kExtentSize && total == expectedSize;
+            filled = n;
+            offset = 0;
+        }
+        const ssize_t count = std::min<ssize_t>(KVNCompareFileOperation::kBlockSize, filled - offset);
+        data = buffer + offset;
+        offset += count;
+        return count;
+    }
+};
+
 KVNCompareFileOperation::KVNCompareFileOperation(std::vector<KVNCompareFileWorkItem> workItems)
-    : workItems_(std::move(workItems))
+    : workItems_(workItems.begin(), workItems.end())
 {}
 
 std::vector<KVNOperationPtr>
@@ -156,16 +180,19 @@ void KVNCompareFileOperation::posixCompareFilesAtFileNode1(const KVNFileNodePtr 
     int32_t result = KVNDiffResultIncomplete;
     switch (compareMethod) {
     case KVNCompareMethodContents: {
-        const int left = openForCompare(node1);
+        const auto [leftRegular, leftSize] = scannedRegularFile(node1);
+        const auto [rightRegular, rightSize] = scannedRegularFile(node2);
+        const int left = openForCompare(node1, leftRegular, leftSize);
         if (left < 0)
             raiseUnableToOpen(node1);
-        const int right = openForCompare(node2);
+        const int right = openForCompare(node2, rightRegular, rightSize);
         if (right < 0) {
             ::close(left);
             raiseUnableToOpen(node2);
         }
         gPairsRead.fetch_add(1, std::memory_order_relaxed);
-        result = compareFileHandle1(left, right);
+        result = compareReaders(BlockReader{left, threadBuffer(0), leftSize},
+                                BlockReader{right, threadBuffer(1), rightSize});
         ::close(left);
         ::close(right);
         break;
@@ -189,8 +216,11 @@ void KVNCompareFileOperation::posixCompareFilesAtFileNode1(const KVNFileNodePtr 
 
 int32_t KVNCompareFileOperation::compareFileHandle1(int fileHandle1, int fileHandle2)
 {
-    BlockReader left{fileHandle1, threadBuffer(0)};
-    BlockReader right{fileHandle2, threadBuffer(1)};
+    return compareReaders(BlockReader{fileHandle1, threadBuffer(0)}, BlockReader{fileHandle2, threadBuffer(1)});
+}
+
+int32_t KVNCompareFileOperation::compareReaders(BlockReader left, BlockReader right)
+{
     ssize_t leftCount = 1;
     ssize_t rightCount = 1;
     uint32_t lastChecksum = 0;

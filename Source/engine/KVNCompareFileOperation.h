@@ -3,6 +3,8 @@
 #include "KVNCompareWorkItems.h"
 #include "KVNOperation.h"
 
+#include <QVarLengthArray>
+
 #include <atomic>
 #include <memory>
 #include <vector>
@@ -31,6 +33,10 @@ protected:
     void main() override;
 
 private:
-    std::vector<KVNCompareFileWorkItem> workItems_;
+    struct BlockReader;
+    int32_t compareReaders(BlockReader left, BlockReader right);
+
+    // One item in every use: kept inline, one allocation fewer per pair.
+    QVarLengthArray<KVNCompareFileWorkItem, 1> workItems_;
     std::atomic<unsigned char> cancelFlag_{0};
 };

@@ -28,22 +28,22 @@ void KVNCompareTreeOperation::main()
     auto rightTree = buildTreeOp2_ ? buildTreeOp2_->fileTree() : nullptr;
     if (leftTree && rightTree) {
         const auto &rightLookup = *rightTree->relativeLookupDict();
+        fileItems.reserve(leftTree->relativeLookupDict()->size());
         // Only left nodes are visited, and the left type alone chooses the kind
         // of comparison; the root is not in the table and is never compared.
-        for (auto it = leftTree->relativeLookupDict()->cbegin(); it != leftTree->relativeLookupDict()->cend(); ++it) {
+        for (const KVNFileNodePtr &left : *leftTree->relativeLookupDict()) {
             if (isCancelled())
                 return;
-            auto match = rightLookup.constFind(it.key());
-            if (match == rightLookup.cend())
+            KVNFileNodePtr right = rightLookup.valueMatching(*left);
+            if (!right)
                 continue;
-            const KVNFileNodePtr &left = it.value();
             auto attrs = left->fileAttrs();
             const KVNFileType type = attrs ? attrs->fileType : KVNFileType::Regular;
             if (type == KVNFileType::Directory)
-                dirItems.push_back({left, match.value(), nullptr});
+                dirItems.push_back({left, std::move(right), nullptr});
             else
                 fileItems.push_back({type == KVNFileType::Regular ? KVNCompareMethodContents : KVNCompareMethodDate,
-                                     left, match.value(), nullptr});
+                                     left, std::move(right), nullptr});
         }
     }
     filePairs_ = fileItems.size();
@@ -51,8 +51,8 @@ void KVNCompareTreeOperation::main()
 
     auto fileOperations = KVNCompareFileOperation::createFileCompareOps(fileItems);
     auto dirOperations = KVNCompareDirOperation::createDirCompareOps(dirItems);
-    fileItems.clear();
-    dirItems.clear();
+    fileItems = {};
+    dirItems = {};
     for (const auto &operation : fileOperations)
         fileBarrier->addDependency(operation);
     auto dirBarrier = std::make_shared<KVNOperation>();

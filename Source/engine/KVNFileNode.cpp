@@ -31,6 +31,15 @@ std::shared_ptr<const QByteArray> normalisedBase(const QByteArray &basePath)
     return std::make_shared<const QByteArray>(base);
 }
 
+std::shared_ptr<const KVNNodeLocation> makeLocation(std::shared_ptr<const QByteArray> basePath, QByteArray relative,
+                                                    QByteArray lowercase)
+{
+    uint64_t hash = KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, lowercase.constData(), lowercase.size());
+    hash = KVNPathBytes::hashBytes(hash, "/", 1);
+    return std::make_shared<const KVNNodeLocation>(
+        KVNNodeLocation{std::move(basePath), std::move(relative), std::move(lowercase), hash});
+}
+
 } // namespace
 
 struct KVNFileNode::LazyCache {
@@ -62,8 +71,7 @@ KVNFileNodePtr KVNFileNode::make(const QByteArray &basePath, const QByteArray &r
         relative.chop(1);
     if (relative == "./" || relative == "." || relative.isEmpty()) {
         node->flags_ |= kRoot;
-        node->location_ = std::make_shared<const KVNNodeLocation>(
-            KVNNodeLocation{normalisedBase(basePath), QByteArray(), QByteArray()});
+        node->location_ = makeLocation(normalisedBase(basePath), QByteArray(), QByteArray());
         return node;
     }
     if (!relative.startsWith("./"))
@@ -74,8 +82,7 @@ KVNFileNodePtr KVNFileNode::make(const QByteArray &basePath, const QByteArray &r
     if (parent && parent->relativePath() == (directory == "." ? QByteArray("./") : directory)) {
         node->location_ = parent->childLocation();
     } else {
-        node->location_ = std::make_shared<const KVNNodeLocation>(
-            KVNNodeLocation{normalisedBase(basePath), directory, KVNPathBytes::lowercasePath(directory)});
+        node->location_ = makeLocation(normalisedBase(basePath), directory, KVNPathBytes::lowercasePath(directory));
     }
     return node;
 }
@@ -101,8 +108,8 @@ KVNFileNodePtr KVNFileNode::makeTransient(const QByteArray &absolutePath)
     const qsizetype slash = path.lastIndexOf('/');
     node->name_ = slash < 0 ? path : path.mid(slash + 1);
     const QByteArray directory = slash < 0 ? QByteArray() : path.left(slash);
-    node->location_ = std::make_shared<const KVNNodeLocation>(
-        KVNNodeLocation{std::make_shared<const QByteArray>(), directory, KVNPathBytes::lowercasePath(directory)});
+    node->location_ =
+        makeLocation(std::make_shared<const QByteArray>(), directory, KVNPathBytes::lowercasePath(directory));
     KVNDirectoryEntry entry;
     if (KVNDirectoryReader::attributesOfItem(path, entry))
         node->setFileAttrs(KVNFileAttributes::fromEntry(entry));
@@ -117,8 +124,7 @@ std::shared_ptr<const KVNNodeLocation> KVNFileNode::childLocation()
     if (!children_->location) {
         const QByteArray relative = isRoot() ? QByteArray(".") : relativePath();
         const QByteArray lowercase = isRoot() ? QByteArray(".") : lowercaseRelativePath();
-        children_->location =
-            std::make_shared<const KVNNodeLocation>(KVNNodeLocation{location_->basePath, relative, lowercase});
+        children_->location = makeLocation(location_->basePath, relative, lowercase);
     }
     return children_->location;
 }
@@ -177,6 +183,36 @@ void KVNFileNode::notifyParentChangedDiffResult(const KVNFileNode &child)
         setDiffResult(KVNDiffResultDifferSingle);
     else if (childResult == KVNDiffResultSingle && diffResult() == KVNDiffResultDiffer)
         setDiffResult(KVNDiffResultDifferSingle);
+}
+
+uint64_t KVNFileNode::lowercaseRelativePathHash() const
+{
+    if (isRoot() || isTransient()) {
+        const QByteArray key = lowercaseRelativePath();
+        return KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, key.constData(), key.size());
+    }
+    return KVNPathBytes::hashLowercaseName(location_->lowercaseDirectoryHash, name_);
+}
+
+bool KVNFileNode::hasLowercaseRelativePath(const QByteArray &key) const
+{
+    if (isRoot() || isTransient())
+        return key == lowercaseRelativePath();
+    const QByteArray &directory = location_->lowercaseRelativeDirectory;
+    const qsizetype nameStart = directory.size() + 1;
+    return key.size() >= nameStart && key[directory.size()] == '/' && key.startsWith(directory) &&
+           KVNPathBytes::lowercaseNameEquals(name_, key.constData() + nameStart, key.size() - nameStart);
+}
+
+bool KVNFileNode::hasSameLowercaseRelativePath(const KVNFileNode &other) const
+{
+    if (isRoot() || isTransient() || other.isRoot() || other.isTransient())
+        return lowercaseRelativePath() == other.lowercaseRelativePath();
+    if (location_ != other.location_ &&
+        location_->lowercaseRelativeDirectory != other.location_->lowercaseRelativeDirectory)
+        return false;
+    const QByteArray otherName = KVNPathBytes::lowercaseName(other.name_);
+    return KVNPathBytes::lowercaseNameEquals(name_, otherName.constData(), otherName.size());
 }
 
 QByteArray KVNFileNode::relativePath() const

@@ -34,6 +34,7 @@ struct KVNNodeLocation {
     std::shared_ptr<const QByteArray> basePath; // absolute, without a trailing slash ("" for "/")
     QByteArray relativeDirectory;               // "." for the root's children, "./a/b" below
     QByteArray lowercaseRelativeDirectory;
+    uint64_t lowercaseDirectoryHash = 0; // of lowercaseRelativeDirectory and "/", carried on by the children's names
 };
 
 // One scanned item of one side: a file, a symbolic link or a directory.
@@ -78,6 +79,10 @@ public:
     QByteArray absolutePath() const;
     QByteArray relativePath() const;
     QByteArray lowercaseRelativePath() const;
+    // The pairing key's hash, and tests against a key, without making the key.
+    uint64_t lowercaseRelativePathHash() const;
+    bool hasLowercaseRelativePath(const QByteArray &key) const;
+    bool hasSameLowercaseRelativePath(const KVNFileNode &other) const;
     QString displayRelativePath() const;
     std::optional<KVNDate> modifiedDate() const;
     QString fileSizeLabel() const;

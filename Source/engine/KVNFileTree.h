@@ -1,13 +1,9 @@
 #pragma once
 
 #include "KVNFileNode.h"
-
-#include <QByteArray>
-#include <QHash>
+#include "KVNRelativeLookupDict.h"
 
 #include <memory>
-
-using KVNRelativeLookupDict = QHash<QByteArray, KVNFileNodePtr>;
 
 // What one finished scan hands over: the root and every other node by its
 // lower-cased relative path.

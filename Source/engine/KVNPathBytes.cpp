@@ -2,6 +2,8 @@
 
 #include <QStringDecoder>
 
+#include <cstring>
+
 namespace {
 
 bool isAscii(const QByteArray &bytes)
@@ -53,6 +55,33 @@ int utf8SequenceLength(const unsigned char *p, qsizetype remaining)
 }
 
 } // namespace
+
+uint64_t KVNPathBytes::hashLowercaseName(uint64_t state, const QByteArray &name)
+{
+    if (!isAscii(name)) {
+        const QByteArray lower = lowercaseName(name);
+        return hashBytes(state, lower.constData(), lower.size());
+    }
+    for (char c : name)
+        state = (state ^ static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c)) * 0x100000001b3ull;
+    return state;
+}
+
+bool KVNPathBytes::lowercaseNameEquals(const QByteArray &name, const char *bytes, qsizetype size)
+{
+    if (!isAscii(name)) {
+        const QByteArray lower = lowercaseName(name);
+        return lower.size() == size && std::memcmp(lower.constData(), bytes, size_t(size)) == 0;
+    }
+    if (name.size() != size)
+        return false;
+    for (qsizetype i = 0; i < size; ++i) {
+        const char c = name[i];
+        if ((c >= 'A' && c <= 'Z' ? c + 32 : c) != bytes[i])
+            return false;
+    }
+    return true;
+}
 
 QByteArray KVNPathBytes::lowercaseName(const QByteArray &name)
 {

@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <cstdint>
+
 // File names are bytes. These helpers derive from them without losing any:
 // the pairing key, and the text a person reads.
 namespace KVNPathBytes {
@@ -22,5 +24,20 @@ QByteArray lastComponent(const QByteArray &path);
 
 // The extension of a name without the dot, or empty.
 QByteArray pathExtension(const QByteArray &name);
+
+// FNV-1a, which can be carried on from a prefix: a key hashed whole and one
+// hashed as its directory's state plus its name give the same value.
+constexpr uint64_t kHashSeed = 0xcbf29ce484222325ull;
+inline uint64_t hashBytes(uint64_t state, const char *bytes, qsizetype size)
+{
+    for (qsizetype i = 0; i < size; ++i)
+        state = (state ^ static_cast<unsigned char>(bytes[i])) * 0x100000001b3ull;
+    return state;
+}
+
+// hashBytes of lowercaseName(name), without making it when the name is ASCII.
+uint64_t hashLowercaseName(uint64_t state, const QByteArray &name);
+// Whether lowercaseName(name) equals the bytes given, with the same shortcut.
+bool lowercaseNameEquals(const QByteArray &name, const char *bytes, qsizetype size);
 
 } // namespace KVNPathBytes

@@ -11,9 +11,9 @@ void KVNOperation::addDependency(const std::shared_ptr<KVNOperation> &operation)
         return;
     // The dependency's lock first: its finish cannot slip between the test and
     // the registration.
-    std::scoped_lock lock(operation->mutex_, mutex_);
+    std::scoped_lock lock(operation->lock_, lock_);
     dependencies_.push_back(operation);
-    if (operation->finished_)
+    if (operation->isFinished())
         return;
     operation->dependants_.push_back(weak_from_this());
     ++pendingDependencies_;
@@ -21,7 +21,7 @@ void KVNOperation::addDependency(const std::shared_ptr<KVNOperation> &operation)
 
 std::vector<std::shared_ptr<KVNOperation>> KVNOperation::dependencies() const
 {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(lock_);
     return dependencies_;
 }
 
@@ -30,27 +30,14 @@ void KVNOperation::cancel()
     cancelled_.store(true, std::memory_order_release);
 }
 
-bool KVNOperation::isExecuting() const
-{
-    std::lock_guard lock(mutex_);
-    return executing_;
-}
-
-bool KVNOperation::isFinished() const
-{
-    std::lock_guard lock(mutex_);
-    return finished_;
-}
-
 void KVNOperation::waitUntilFinished()
 {
-    std::unique_lock lock(mutex_);
-    finishedCv_.wait(lock, [this] { return finished_; });
+    finished_.wait(false, std::memory_order_acquire);
 }
 
 bool KVNOperation::attachToQueue(const std::shared_ptr<KVNOperationQueueState> &queue)
 {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(lock_);
     queue_ = queue;
     if (pendingDependencies_ == 0 && !enqueued_) {
         enqueued_ = true;
@@ -63,7 +50,7 @@ void KVNOperation::dependencyFinished()
 {
     std::shared_ptr<KVNOperationQueueState> queue;
     {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(lock_);
         if (--pendingDependencies_ > 0 || enqueued_ || !queue_)
             return;
         enqueued_ = true;
@@ -74,10 +61,7 @@ void KVNOperation::dependencyFinished()
 
 void KVNOperation::run()
 {
-    {
-        std::lock_guard lock(mutex_);
-        executing_ = true;
-    }
+    executing_.store(true, std::memory_order_release);
     if (!isCancelled())
         main();
     finish();
@@ -87,13 +71,13 @@ void KVNOperation::finish()
 {
     std::vector<std::weak_ptr<KVNOperation>> dependants;
     {
-        std::lock_guard lock(mutex_);
-        executing_ = false;
-        finished_ = true;
+        std::lock_guard lock(lock_);
+        executing_.store(false, std::memory_order_release);
+        finished_.store(true, std::memory_order_release);
         dependants.swap(dependants_);
         queue_.reset();
     }
-    finishedCv_.notify_all();
+    finished_.notify_all();
     for (auto &weak : dependants)
         if (auto dependant = weak.lock())
             dependant->dependencyFinished();

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "KVNTinyLock.h"
+
 #include <atomic>
-#include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 struct KVNOperationQueueState;
@@ -28,8 +29,8 @@ public:
 
     virtual void cancel();
     bool isCancelled() const { return cancelled_.load(std::memory_order_acquire); }
-    bool isExecuting() const;
-    bool isFinished() const;
+    bool isExecuting() const { return executing_.load(std::memory_order_acquire); }
+    bool isFinished() const { return finished_.load(std::memory_order_acquire); }
     // Blocks until the operation has finished (with or without its body).
     void waitUntilFinished();
 
@@ -44,15 +45,17 @@ private:
     bool attachToQueue(const std::shared_ptr<KVNOperationQueueState> &queue);
     void dependencyFinished();
 
-    mutable std::mutex mutex_;
-    std::condition_variable finishedCv_;
+    // A pipeline holds one operation per pair, so the state is kept small: a
+    // four-byte lock, and waiting on the finished flag itself.
+    mutable KVNTinyLock lock_;
     std::vector<std::shared_ptr<KVNOperation>> dependencies_;
     std::vector<std::weak_ptr<KVNOperation>> dependants_;
     std::shared_ptr<KVNOperationQueueState> queue_;
+    std::size_t queueSlot_ = 0; // the queue's, under its lock: 0 outside a queue, else index + 1
     int pendingDependencies_ = 0;
     bool enqueued_ = false;
-    bool executing_ = false;
-    bool finished_ = false;
+    std::atomic<bool> executing_{false};
+    std::atomic<bool> finished_{false};
     std::atomic<bool> cancelled_{false};
 };
 

@@ -23,9 +23,10 @@ void KVNOperationQueueState::add(const KVNOperationPtr &operation)
         return;
     {
         std::lock_guard lock(mutex);
-        if (!index.emplace(operation.get(), all.size()).second)
+        if (operation->queueSlot_ != 0)
             return;
         all.push_back(operation);
+        operation->queueSlot_ = all.size();
         ++liveCount;
         recordCountChange(liveCount, liveCount - 1);
     }
@@ -60,10 +61,10 @@ void KVNOperationQueueState::removeFinished(KVNOperation *operation)
 {
     {
         std::lock_guard lock(mutex);
-        auto it = index.find(operation);
-        if (it != index.end()) {
-            all[it->second].reset();
-            index.erase(it);
+        if (operation->queueSlot_ != 0) {
+            const std::size_t slot = operation->queueSlot_ - 1;
+            operation->queueSlot_ = 0;
+            all[slot].reset();
             --liveCount;
             recordCountChange(liveCount, liveCount + 1);
             ++finishedTotal;
@@ -71,7 +72,7 @@ void KVNOperationQueueState::removeFinished(KVNOperation *operation)
             if (++removedSinceCompaction > 1024 && removedSinceCompaction > liveCount) {
                 std::erase(all, nullptr);
                 for (std::size_t i = 0; i < all.size(); ++i)
-                    index[all[i].get()] = i;
+                    all[i]->queueSlot_ = i + 1;
                 removedSinceCompaction = 0;
             }
         }
@@ -129,6 +130,8 @@ void KVNOperationQueueState::workerLoop()
         ++running;
         startWorkerIfNeeded();
         lock.unlock();
+        if (runObserver)
+            runObserver(*operation, true);
         try {
             operation->run();
         } catch (const std::exception &e) {
@@ -138,6 +141,8 @@ void KVNOperationQueueState::workerLoop()
             qWarning().noquote() << "Uncaught exception in operation";
             operation->finish();
         }
+        if (runObserver)
+            runObserver(*operation, false);
         removeFinished(operation.get());
         operation.reset();
         notifyCount();
@@ -244,6 +249,12 @@ void KVNOperationQueue::setOperationCountObserver(CountObserver observer)
 {
     std::lock_guard notifyLock(state_->notifyMutex);
     state_->countObserver = std::move(observer);
+}
+
+void KVNOperationQueue::setOperationRunObserver(RunObserver observer)
+{
+    std::lock_guard lock(state_->mutex);
+    state_->runObserver = std::move(observer);
 }
 
 std::vector<KVNOperationPtr> KVNOperationQueueState::markAllCancelled()

@@ -8,7 +8,6 @@
 #include <functional>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 // The part of a queue that its worker threads and its operations share; it
@@ -18,9 +17,8 @@ struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueSt
     std::condition_variable workCv;
     std::condition_variable idleCv;
     std::deque<KVNOperationPtr> ready;
-    // Insertion order is kept for operations(); the map finds an entry fast.
+    // Insertion order is kept for operations(); each operation knows its slot.
     std::vector<KVNOperationPtr> all;
-    std::unordered_map<KVNOperation *, std::size_t> index;
     std::size_t removedSinceCompaction = 0;
     std::size_t liveCount = 0;
     std::size_t finishedTotal = 0;
@@ -34,6 +32,7 @@ struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueSt
     std::mutex notifyMutex;
     std::function<void(std::size_t, std::size_t)> countObserver;
     std::size_t lastNotifiedCount = 0;
+    std::function<void(const KVNOperation &, bool)> runObserver; // set while idle
     // Changes to or from zero, in order: they are never folded into others, so
     // an observer always sees a queue start and end, however brief the work.
     std::deque<std::pair<std::size_t, std::size_t>> zeroCrossings;

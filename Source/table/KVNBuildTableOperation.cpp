@@ -1,5 +1,7 @@
 #include "KVNBuildTableOperation.h"
 
+#include "KVNPathBytes.h"
+
 #include <QHash>
 
 #include <algorithm>
@@ -42,13 +44,14 @@ void KVNBuildTableOperation::addChildrenOfLeftNode(const KVNFileNodePtr &leftNod
     rightTable.reserve(qsizetype(rightChildren.size()));
     std::vector<std::pair<QByteArray, KVNFileNodePtr>> merged; // key and node
     merged.reserve(leftChildren.size() + rightChildren.size());
+    // Siblings share their directory, so their names alone pair them.
     for (const auto &node : leftChildren) {
-        QByteArray key = node->lowercaseRelativePath();
+        QByteArray key = KVNPathBytes::lowercaseName(node->name());
         leftTable.insert(key, node); // a later same key replaces the earlier; both stay merged
         merged.emplace_back(std::move(key), node);
     }
     for (const auto &node : rightChildren) {
-        QByteArray key = node->lowercaseRelativePath();
+        QByteArray key = KVNPathBytes::lowercaseName(node->name());
         if (!leftTable.contains(key))
             merged.emplace_back(key, node);
         rightTable.insert(std::move(key), node);

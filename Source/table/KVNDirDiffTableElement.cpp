@@ -52,6 +52,20 @@ uint64_t summaryFor(bool left, bool right, bool none, bool childrenLeft, bool ch
 
 } // namespace
 
+// The rows below a directory, and how many of them have each direction, so
+// that a directory sums up its children without visiting them: a change that
+// climbs to the top costs the depth, not the width, of the tree.
+struct KVNDirDiffTableElement::Children {
+    std::vector<KVNDirDiffTableElementPtr> list;
+    std::atomic<int32_t> directionCounts[6] = {};
+
+    void count(uint64_t direction, int32_t delta)
+    {
+        if (direction < 6)
+            directionCounts[direction].fetch_add(delta, std::memory_order_relaxed);
+    }
+};
+
 KVNDirDiffTableElement::KVNDirDiffTableElement() = default;
 
 KVNDirDiffTableElementPtr KVNDirDiffTableElement::make(const KVNFileNodePtr &leftNode, const KVNFileNodePtr &rightNode)
@@ -68,6 +82,13 @@ KVNDirDiffTableElement::~KVNDirDiffTableElement()
         leftNode_->removeObserver(this);
     if (rightNode_)
         rightNode_->removeObserver(this);
+    // Children that outlive this row no longer count into it.
+    if (childElements_)
+        for (const auto &child : childElements_->list) {
+            std::lock_guard guard(child->lock_);
+            if (child->countedIn_ == childElements_.get())
+                child->countedIn_ = nullptr;
+        }
 }
 
 KVNFileNodePtr KVNDirDiffTableElement::leftNode() const
@@ -119,7 +140,7 @@ void KVNDirDiffTableElement::setParentElement(const KVNDirDiffTableElementPtr &p
 std::vector<KVNDirDiffTableElementPtr> KVNDirDiffTableElement::childElements() const
 {
     std::lock_guard guard(lock_);
-    return childElements_ ? *childElements_ : std::vector<KVNDirDiffTableElementPtr>();
+    return childElements_ ? childElements_->list : std::vector<KVNDirDiffTableElementPtr>();
 }
 
 bool KVNDirDiffTableElement::hasChildElements() const
@@ -130,10 +151,18 @@ bool KVNDirDiffTableElement::hasChildElements() const
 
 void KVNDirDiffTableElement::addChildElement(const KVNDirDiffTableElementPtr &child)
 {
+    if (!child)
+        return;
     std::lock_guard guard(lock_);
     if (!childElements_)
-        childElements_ = std::make_unique<std::vector<KVNDirDiffTableElementPtr>>();
-    childElements_->push_back(child);
+        childElements_ = std::make_unique<Children>();
+    childElements_->list.push_back(child);
+    std::lock_guard childGuard(child->lock_);
+    const uint64_t direction = child->mergeDirection();
+    if (child->countedIn_)
+        child->countedIn_->count(direction, -1);
+    child->countedIn_ = childElements_.get();
+    child->countedIn_->count(direction, 1);
 }
 
 void KVNDirDiffTableElement::removeChildElement(const KVNDirDiffTableElement *child)
@@ -141,9 +170,17 @@ void KVNDirDiffTableElement::removeChildElement(const KVNDirDiffTableElement *ch
     std::lock_guard guard(lock_);
     if (!childElements_)
         return;
-    auto &list = *childElements_;
-    list.erase(std::remove_if(list.begin(), list.end(), [child](const auto &e) { return e.get() == child; }),
-               list.end());
+    auto &list = childElements_->list;
+    const auto it = std::find_if(list.begin(), list.end(), [child](const auto &e) { return e.get() == child; });
+    if (it == list.end())
+        return;
+    const KVNDirDiffTableElementPtr removed = *it; // alive until its count is taken back
+    list.erase(std::remove_if(it, list.end(), [child](const auto &e) { return e.get() == child; }), list.end());
+    std::lock_guard childGuard(removed->lock_);
+    if (removed->countedIn_ == childElements_.get()) {
+        childElements_->count(removed->mergeDirection(), -1);
+        removed->countedIn_ = nullptr;
+    }
 }
 
 std::vector<KVNDirDiffTableElementPtr> KVNDirDiffTableElement::filteredChildren(const KVNPredicatePtr &predicate) const
@@ -302,11 +339,23 @@ void KVNDirDiffTableElement::respondToChangedDiffResult()
     setMergeDirection(direction);
 }
 
+void KVNDirDiffTableElement::storeMergeDirectionLocked(uint64_t direction)
+{
+    const uint64_t old = mergeDirection_.exchange(direction, std::memory_order_acq_rel);
+    if (countedIn_ && old != direction) {
+        countedIn_->count(old, -1);
+        countedIn_->count(direction, 1);
+    }
+}
+
 void KVNDirDiffTableElement::setMergeDirection(uint64_t direction)
 {
     // The row's lock guards the store only; holding it while the children
     // climb back through their parents could meet another thread's climb.
-    mergeDirection_.store(direction, std::memory_order_release);
+    {
+        std::lock_guard guard(lock_);
+        storeMergeDirectionLocked(direction);
+    }
     for (const auto &child : childElements())
         child->setMergeDirection(direction);
     if (isDirectory())
@@ -326,12 +375,9 @@ void KVNDirDiffTableElement::updateMergeDirectionForDirectory()
     std::lock_guard guard(lock_);
     if (!childElements_)
         return;
-    bool seen[6] = {};
-    for (const auto &child : *childElements_) {
-        const uint64_t direction = child->mergeDirection();
-        if (direction < 6)
-            seen[direction] = true;
-    }
+    bool seen[6];
+    for (int direction = 0; direction < 6; ++direction)
+        seen[direction] = childElements_->directionCounts[direction].load(std::memory_order_relaxed) > 0;
     uint64_t store;
     if (seen[KVNMergeDirectionChildrenBoth] || (seen[KVNMergeDirectionLeft] && seen[KVNMergeDirectionRight]) ||
         (seen[KVNMergeDirectionChildrenLeft] && seen[KVNMergeDirectionChildrenRight]))
@@ -340,7 +386,7 @@ void KVNDirDiffTableElement::updateMergeDirectionForDirectory()
         store = summaryFor(seen[KVNMergeDirectionLeft], seen[KVNMergeDirectionRight], seen[KVNMergeDirectionNone],
                            seen[KVNMergeDirectionChildrenLeft], seen[KVNMergeDirectionChildrenRight]);
     if (store != kUnchanged)
-        mergeDirection_.store(store, std::memory_order_release);
+        storeMergeDirectionLocked(store);
 }
 
 std::size_t KVNDirDiffTableElement::hash() const

@@ -92,11 +92,18 @@ private:
     KVNFileNodePtr primaryNode() const;
     void setNode(KVNFileNodePtr &slot, const KVNFileNodePtr &node);
 
-    mutable KVNTinyLock lock_; // never held while another lock is taken
+    struct Children;
+    // Stores a direction and keeps the counts of the list this row is in; with lock_ held.
+    void storeMergeDirectionLocked(uint64_t direction);
+
+    // Taken alone, or a parent's and then a child's: rows nest from parent to child.
+    mutable KVNTinyLock lock_;
     KVNFileNodePtr leftNode_;
     KVNFileNodePtr rightNode_;
     std::weak_ptr<KVNDirDiffTableElement> parentElement_;
-    std::unique_ptr<std::vector<KVNDirDiffTableElementPtr>> childElements_;
+    std::unique_ptr<Children> childElements_;
+    // The list whose direction counts include this row; not owned.
+    Children *countedIn_ = nullptr;
     std::atomic<uint64_t> mergeDirection_{KVNMergeDirectionNone};
     mutable std::atomic<std::size_t> cachedHash_{~std::size_t(0)};
     std::atomic<uint32_t> depthHint_{0};
