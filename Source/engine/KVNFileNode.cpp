@@ -421,6 +421,11 @@ int KVNFileNode::caseInsensitiveCompareLastPathComponent(const KVNFileNode &othe
 void KVNFileNode::addObserver(const std::weak_ptr<KVNNodeObserver> &observer)
 {
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
+    // Nearly every node has exactly one row watching it: that one needs no list.
+    if (firstObserver_.expired()) {
+        firstObserver_ = observer;
+        return;
+    }
     if (!observers_)
         observers_ = std::make_unique<Observers>();
     observers_->list.push_back(observer);
@@ -429,11 +434,15 @@ void KVNFileNode::addObserver(const std::weak_ptr<KVNNodeObserver> &observer)
 void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
 {
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
+    // One entry for this observer goes, and dead entries with it.
+    bool removed = false;
+    if (auto first = firstObserver_.lock(); !first || first.get() == observer) {
+        removed = first != nullptr;
+        firstObserver_.reset();
+    }
     if (!observers_)
         return;
     auto &list = observers_->list;
-    // One entry for this observer goes, and dead entries with it.
-    bool removed = false;
     std::erase_if(list, [&](const std::weak_ptr<KVNNodeObserver> &weak) {
         auto locked = weak.lock();
         if (!locked)
@@ -450,27 +459,19 @@ void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
 
 void KVNFileNode::notifyObservers(KVNNodeKey key)
 {
-    std::shared_ptr<KVNNodeObserver> inlineObservers[2];
+    std::shared_ptr<KVNNodeObserver> first;
     std::vector<std::shared_ptr<KVNNodeObserver>> more;
     {
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
-        if (!observers_)
-            return;
-        std::size_t i = 0;
-        for (const auto &weak : observers_->list) {
-            auto observer = weak.lock();
-            if (!observer)
-                continue;
-            if (i < 2)
-                inlineObservers[i++] = std::move(observer);
-            else
-                more.push_back(std::move(observer));
-        }
+        first = firstObserver_.lock();
+        if (observers_)
+            for (const auto &weak : observers_->list)
+                if (auto observer = weak.lock())
+                    more.push_back(std::move(observer));
     }
     // Observers run outside the striped lock: they take row locks of their own.
-    for (auto &observer : inlineObservers)
-        if (observer)
-            observer->observeValueForKeyPath(key, *this);
+    if (first)
+        first->observeValueForKeyPath(key, *this);
     for (auto &observer : more)
         observer->observeValueForKeyPath(key, *this);
 }

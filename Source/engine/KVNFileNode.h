@@ -118,7 +118,8 @@ private:
     std::shared_ptr<const KVNNodeLocation> location_;
     QByteArray name_;
     std::unique_ptr<Children> children_;           // guarded by the scan: only it adds children
-    std::unique_ptr<Observers> observers_;         // guarded by a striped lock
+    std::weak_ptr<KVNNodeObserver> firstObserver_; // guarded by a striped lock
+    std::unique_ptr<Observers> observers_;         // the others; guarded by a striped lock
     mutable std::unique_ptr<LazyCache> lazyAttrs_; // guarded by a striped lock
     KVNFileAttributes attrs_;                      // guarded by a striped lock
     std::atomic<int32_t> diffResult_{KVNDiffResultUnknown};

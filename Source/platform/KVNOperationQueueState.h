@@ -18,7 +18,7 @@ struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueSt
     std::condition_variable idleCv;
     std::deque<KVNOperationPtr> ready;
     // Insertion order is kept for operations(); each operation knows its slot.
-    std::vector<KVNOperationPtr> all;
+    std::deque<KVNOperationPtr> all; // a deque grows without copying what it holds
     std::size_t removedSinceCompaction = 0;
     std::size_t liveCount = 0;
     std::size_t finishedTotal = 0;
