@@ -43,14 +43,66 @@ std::pair<bool, int64_t> scannedRegularFile(const KVNFileNodePtr &node)
     return {true, int64_t(attrs->fileSize)};
 }
 
+// The pairs go to the queue in scan order, so a worker mostly compares
+// siblings one after another. It keeps the directory it last opened on each
+// side and opens the next file relative to it: one lookup of a name instead of
+// a walk of the whole path. The directories are let go once the queue has
+// nothing ready, so that nothing stays held (and no volume stays busy) between runs.
+class DirectoryCache {
+public:
+    ~DirectoryCache() { clear(); }
+
+    int open(const KVNFileNode &node, int side, int flags)
+    {
+        if (node.isRoot() || node.isTransient())
+            return ::open(node.absolutePath().constData(), flags);
+        Entry &entry = entries_[side];
+        if (entry.location != node.location()) {
+            if (entry.fd >= 0)
+                ::close(entry.fd);
+            QByteArray directory = node.directoryPath();
+            if (directory.isEmpty())
+                directory = "/";
+            entry.location = node.location();
+            entry.fd = ::open(directory.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+            KVNOperation::setIdleWork([] { cache().clear(); });
+        }
+        if (entry.fd < 0)
+            return ::open(node.absolutePath().constData(), flags);
+        return ::openat(entry.fd, node.name().constData(), flags);
+    }
+
+    void clear()
+    {
+        for (Entry &entry : entries_) {
+            if (entry.fd >= 0)
+                ::close(entry.fd);
+            entry = Entry();
+        }
+    }
+
+    static DirectoryCache &cache()
+    {
+        thread_local DirectoryCache perThread;
+        return perThread;
+    }
+
+private:
+    struct Entry {
+        std::shared_ptr<const KVNNodeLocation> location; // held, so that its address is not reused
+        int fd = -1;
+    };
+    Entry entries_[2];
+};
+
 // Opens for reading, following a link. A pipe, device or socket would block or
 // never end, so it counts as a file that cannot be opened. Only what the scan
 // did not see as a regular file needs the look at its type: O_NONBLOCK means
 // nothing to a regular file or a directory, and keeps one that has become a
 // pipe since the scan from blocking.
-int openForCompare(const KVNFileNodePtr &node, bool scannedRegular, int64_t expectedSize)
+int openForCompare(const KVNFileNode &node, int side, bool scannedRegular, int64_t expectedSize)
 {
-    const int fd = ::open(node->absolutePath().constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const int fd = DirectoryCache::cache().open(node, side, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0)
         return -1;
     if (!scannedRegular) {
@@ -182,10 +234,10 @@ void KVNCompareFileOperation::posixCompareFilesAtFileNode1(const KVNFileNodePtr 
     case KVNCompareMethodContents: {
         const auto [leftRegular, leftSize] = scannedRegularFile(node1);
         const auto [rightRegular, rightSize] = scannedRegularFile(node2);
-        const int left = openForCompare(node1, leftRegular, leftSize);
+        const int left = openForCompare(*node1, 0, leftRegular, leftSize);
         if (left < 0)
             raiseUnableToOpen(node1);
-        const int right = openForCompare(node2, rightRegular, rightSize);
+        const int right = openForCompare(*node2, 1, rightRegular, rightSize);
         if (right < 0) {
             ::close(left);
             raiseUnableToOpen(node2);

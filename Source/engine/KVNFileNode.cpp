@@ -262,21 +262,23 @@ QByteArray KVNFileNode::lowercaseRelativePath() const
     return path;
 }
 
-QByteArray KVNFileNode::absolutePath() const
+QByteArray KVNFileNode::directoryPath() const
 {
     const QByteArray &base = *location_->basePath;
     if (isRoot())
         return base.isEmpty() ? QByteArrayLiteral("/") : base;
-    QByteArray path;
-    if (isTransient()) {
-        path = location_->relativeDirectory;
-    } else {
-        path = base;
-        path += QByteArrayView(location_->relativeDirectory).sliced(1); // drop the leading "."
-    }
-    path += '/';
-    path += name_;
+    if (isTransient())
+        return location_->relativeDirectory;
+    QByteArray path = base;
+    path += QByteArrayView(location_->relativeDirectory).sliced(1); // drop the leading "."
     return path;
+}
+
+QByteArray KVNFileNode::absolutePath() const
+{
+    if (isRoot())
+        return directoryPath();
+    return directoryPath() + '/' + name_;
 }
 
 QString KVNFileNode::displayRelativePath() const

@@ -77,6 +77,10 @@ public:
     // Derived values
     QByteArray name() const { return name_; } // raw bytes; empty on a root
     QByteArray absolutePath() const;
+    // The directory that holds the node, shared with its siblings, and its
+    // absolute path (on a root, the root's own).
+    const std::shared_ptr<const KVNNodeLocation> &location() const { return location_; }
+    QByteArray directoryPath() const;
     QByteArray relativePath() const;
     QByteArray lowercaseRelativePath() const;
     // The pairing key's hash, and tests against a key, without making the key.

@@ -2,6 +2,28 @@
 
 #include "KVNOperationQueueState.h"
 
+#include <utility>
+
+namespace {
+thread_local void (*tIdleWork)() = nullptr;
+} // namespace
+
+void KVNOperation::setIdleWork(void (*work)())
+{
+    tIdleWork = work;
+}
+
+bool KVNOperation::hasIdleWork()
+{
+    return tIdleWork != nullptr;
+}
+
+void KVNOperation::runIdleWork()
+{
+    if (auto work = std::exchange(tIdleWork, nullptr))
+        work();
+}
+
 KVNOperation::KVNOperation() = default;
 KVNOperation::~KVNOperation() = default;
 

@@ -34,6 +34,13 @@ public:
     // Blocks until the operation has finished (with or without its body).
     void waitUntilFinished();
 
+    // What a worker thread does once its queue has nothing ready: it gives
+    // back what operations kept for the next one on the same thread (open
+    // directories, say), so nothing stays held while the queue is idle.
+    static void setIdleWork(void (*work)());
+    static bool hasIdleWork();
+    static void runIdleWork();
+
 protected:
     virtual void main() {}
 

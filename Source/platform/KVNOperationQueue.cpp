@@ -121,6 +121,11 @@ void KVNOperationQueueState::workerLoop()
 {
     std::unique_lock lock(mutex);
     for (;;) {
+        if (ready.empty() && KVNOperation::hasIdleWork()) {
+            lock.unlock();
+            KVNOperation::runIdleWork();
+            lock.lock();
+        }
         workCv.wait(lock, [this] { return shutdown || (!ready.empty() && running < width); });
         if (ready.empty() && shutdown)
             return;
