@@ -14,7 +14,10 @@ class TestDocumentSession : public QObject {
 
     QTemporaryDir settings_;
 
-    static QByteArray sessionWith(KVNSessionContents contents) { return KVNSessionArchive::archive(contents); }
+    static bool refused(const KVNSessionContents &contents, KVNDocumentError *error)
+    {
+        return !KVNDirCompDocument::make()->readFromData(KVNSessionArchive::archive(contents), error);
+    }
 
 private slots:
     void initTestCase()
@@ -67,14 +70,14 @@ private slots:
         contents.originalURL = tree.root();
         contents.modifiedURL = tree.root();
         KVNDocumentError error;
-        QVERIFY(!KVNDirCompDocument::make()->readFromData(sessionWith(contents), &error));
+        QVERIFY(refused(contents, &error));
         QCOMPARE(error.domain, QStringLiteral("DocumentVersionMismatch"));
         QCOMPARE(error.code, 0);
         QCOMPARE(error.recoverySuggestion,
                  QStringLiteral("This document's version is not compatible with this version of the application."));
     }
 
-    void missingRootsAreNamed()
+    void missingRootsAndDamageAreNamed()
     {
         KVNTestTree tree;
         tree.file("plain", "x");
@@ -82,25 +85,18 @@ private slots:
         contents.originalURL = tree.path("gone");
         contents.modifiedURL = tree.root();
         KVNDocumentError error;
-        QVERIFY(!KVNDirCompDocument::make()->readFromData(sessionWith(contents), &error));
+        QVERIFY(refused(contents, &error));
         QCOMPARE(error.domain, QStringLiteral("KVNDirCompDocument"));
         QCOMPARE(error.recoverySuggestion, QStringLiteral("The \"Original\" directory path (%1) could not be found.")
                                                .arg(QString::fromLocal8Bit(tree.path("gone"))));
         // A root that became a file counts as missing; with both gone the right one is told.
-        contents.originalURL = tree.path("gone");
         contents.modifiedURL = tree.path("plain");
-        QVERIFY(!KVNDirCompDocument::make()->readFromData(sessionWith(contents), &error));
+        QVERIFY(refused(contents, &error));
         QCOMPARE(error.recoverySuggestion, QStringLiteral("The \"Modified\" directory path (%1) could not be found.")
                                                .arg(QString::fromLocal8Bit(tree.path("plain"))));
-    }
-
-    void damagedFilesAreRefused()
-    {
-        KVNTestTree tree;
-        auto doc = KVNDirCompDocument::make();
-        doc->setOriginalURL(tree.root(), tree.root());
-        const QByteArray good = doc->dataOfType();
-        KVNDocumentError error;
+        // A damaged file is refused with a reason.
+        contents.modifiedURL = contents.originalURL = tree.root();
+        const QByteArray good = KVNSessionArchive::archive(contents);
         for (const QByteArray &bad : {QByteArray(), QByteArray("not a session"), good.left(good.size() / 2)}) {
             error = {};
             QVERIFY(!KVNDirCompDocument::make()->readFromData(bad, &error));
@@ -111,10 +107,7 @@ private slots:
     void kvdiffRunsASavedSession()
     {
         KVNTestTree left, right, files;
-        left.file("a.o", "1");
-        right.file("a.o", "2");
-        left.file("kept", "k");
-        right.file("kept", "k");
+        KVNFillTrees(left, right, {"~a.o", "=kept"});
         auto doc = KVNDirCompDocument::make();
         doc->setOriginalURL(left.root(), right.root());
         doc->setExclusionPredicate(KVNPredicate::predicateWithFormat("spotlightItemFSName ENDSWITH[c] '.O'"));

@@ -11,8 +11,6 @@
 #include <QTest>
 
 #include <csignal>
-#include <cstdio>
-#include <functional>
 
 class TestKvdiffWatch : public QObject {
     Q_OBJECT
@@ -21,10 +19,10 @@ class TestKvdiffWatch : public QObject {
         QProcess process;
         QList<QJsonObject> reports;
 
-        void start(const QStringList &arguments)
+        Watch(const QStringList &options, const KVNTestTree &left, const KVNTestTree &right)
         {
-            process.start(QStringLiteral(KVDIFF_BINARY), arguments);
-            QVERIFY(process.waitForStarted());
+            process.start(QStringLiteral(KVDIFF_BINARY), options + QStringList{QString::fromLocal8Bit(left.root()),
+                                                                               QString::fromLocal8Bit(right.root())});
         }
         // Waits for the report with the given sequence number.
         bool waitFor(int sequence, int timeoutMs = 30000)
@@ -39,12 +37,28 @@ class TestKvdiffWatch : public QObject {
             }
             return reports.size() >= sequence;
         }
+        QJsonArray rows(int sequence) const { return reports[sequence - 1].value("rows").toArray(); }
         QStringList paths(int sequence) const
         {
             QStringList list;
-            for (const auto &row : reports[sequence - 1].value("rows").toArray())
+            for (const auto &row : rows(sequence))
                 list << row.toObject().value("path").toString();
             return list;
+        }
+        QString result(int sequence, const QString &path) const
+        {
+            for (const auto &row : rows(sequence))
+                if (row.toObject().value("path") == path)
+                    return row.toObject().value("result").toString();
+            return QStringLiteral("no row");
+        }
+        // End of input ends it cleanly, with the status of the last report.
+        void finish(int exitCode)
+        {
+            process.closeWriteChannel();
+            QVERIFY(process.waitForFinished(30000));
+            QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+            QCOMPARE(process.exitCode(), exitCode);
         }
     };
 
@@ -52,13 +66,8 @@ private slots:
     void updatesFollowTheDisk()
     {
         KVNTestTree left, right;
-        left.file("docs/a.txt", "a");
-        right.file("docs/a.txt", "a");
-        left.file("docs/z.txt", "z");
-        right.file("docs/z.txt", "z");
-        Watch watch;
-        watch.start({"--watch=json", "--filter=all", "--until-eof", QString::fromLocal8Bit(left.root()),
-                     QString::fromLocal8Bit(right.root())});
+        KVNFillTrees(left, right, {"=docs/a.txt", "=docs/z.txt"});
+        Watch watch({"--watch=json", "--filter=all", "--until-eof"}, left, right);
         QVERIFY(watch.waitFor(1));
         QCOMPARE(watch.reports[0].value("sequence").toInt(), 1);
         QCOMPARE(watch.paths(1), QStringList({"./docs", "./docs/a.txt", "./docs/z.txt"}));
@@ -73,38 +82,21 @@ private slots:
         // An edit that keeps the date is not seen; a touched file is compared again.
         // Written beside the tree and moved in whole, so no scan can see it half done.
         KVNTestTree scratch;
-        scratch.file("a.txt", "A", 1700000000);
+        scratch.file("a.txt", "SAME");
         QVERIFY(::rename(scratch.path("a.txt").constData(), right.path("docs/a.txt").constData()) == 0);
         QVERIFY(watch.waitFor(3));
-        const auto rowA = [&](int sequence) {
-            for (const auto &row : watch.reports[sequence - 1].value("rows").toArray())
-                if (row.toObject().value("path") == QStringLiteral("./docs/a.txt"))
-                    return row.toObject();
-            return QJsonObject();
-        };
-        QCOMPARE(rowA(3).value("result").toString(), QStringLiteral("same"));
+        QCOMPARE(watch.result(3, "./docs/a.txt"), QStringLiteral("same"));
         right.setMtime("docs/a.txt", 1700000500);
         QVERIFY(watch.waitFor(4));
-        QCOMPARE(rowA(4).value("result").toString(), QStringLiteral("different"));
-
-        // End of input ends it cleanly, with the status of the last report.
-        watch.process.closeWriteChannel();
-        QVERIFY(watch.process.waitForFinished(30000));
-        QCOMPARE(watch.process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(watch.process.exitCode(), 1);
+        QCOMPARE(watch.result(4, "./docs/a.txt"), QStringLiteral("different"));
+        watch.finish(1);
     }
 
     void rowsFollowStructuralChanges()
     {
         KVNTestTree left, right;
-        for (auto *tree : {&left, &right}) {
-            tree->file("a/one", "1");
-            tree->file("a/two", "2");
-            tree->file("Case.txt", "c");
-        }
-        Watch watch;
-        watch.start({"--watch=json", "--filter=all", "--until-eof", QString::fromLocal8Bit(left.root()),
-                     QString::fromLocal8Bit(right.root())});
+        KVNFillTrees(left, right, {"=a/one", "=a/two", "=Case.txt"});
+        Watch watch({"--watch=json", "--filter=all", "--until-eof"}, left, right);
         QVERIFY(watch.waitFor(1));
         // Reads reports until the newest one satisfies the condition; changes may
         // arrive in one update or in several. A change made while an update scans
@@ -113,62 +105,44 @@ private slots:
         const auto until = [&](const std::function<bool(const QStringList &, const QJsonArray &)> &condition) {
             QTest::qWait(1500);
             left.file("poke" + QByteArray::number(++pokes), "p");
-            for (int sequence = watch.reports.size() + 1; watch.waitFor(sequence, 30000); ++sequence) {
-                const QJsonArray rows = watch.reports[sequence - 1].value("rows").toArray();
-                if (condition(watch.paths(sequence), rows))
+            for (int sequence = watch.reports.size() + 1; watch.waitFor(sequence); ++sequence)
+                if (condition(watch.paths(sequence), watch.rows(sequence)))
                     return true;
-            }
             return false;
         };
-
         // A new directory with files: rows for all of them, in pre-order.
-        right.file("b/inner/x", "x");
-        right.file("b/y", "y");
-        QVERIFY(until(
-            [](const QStringList &p, const QJsonArray &) { return p.contains("./b/inner/x") && p.contains("./b/y"); }));
-        const QStringList paths = watch.paths(watch.reports.size());
-        QVERIFY(paths.indexOf("./b") < paths.indexOf("./b/inner"));
-        QVERIFY(paths.indexOf("./b/inner") < paths.indexOf("./b/inner/x"));
-
+        KVNFillTrees(left, right, {">b/inner/x", ">b/y"});
+        QVERIFY(until([](const QStringList &p, const QJsonArray &) {
+            return p.contains("./b/y") && p.indexOf("./b") < p.indexOf("./b/inner") &&
+                   p.indexOf("./b/inner") < p.indexOf("./b/inner/x");
+        }));
         // Deleted on one side: the row stays, single; on both sides: the row goes.
         left.remove("a/one");
         right.remove("a/two");
         left.remove("a/two");
         QVERIFY(until(
             [](const QStringList &p, const QJsonArray &) { return !p.contains("./a/two") && p.contains("./a/one"); }));
-
         // A case-only rename on the left: the old path goes, the new one comes.
         left.rename("Case.txt", "CASE.txt");
         QVERIFY(until([](const QStringList &p, const QJsonArray &) {
             return p.contains("./CASE.txt") && !p.contains("./Case.txt");
         }));
-
         // A root that vanishes is rescanned as what is there: every row is left-only.
         right.remove("");
         QVERIFY(until([](const QStringList &, const QJsonArray &rows) {
-            for (const auto &row : rows)
-                if (!row.toObject().value("right").isNull())
-                    return false;
-            return !rows.isEmpty();
+            return !rows.isEmpty() && std::all_of(rows.begin(), rows.end(), [](const QJsonValue &row) {
+                return row.toObject().value("right").isNull();
+            });
         }));
-        watch.process.closeWriteChannel();
-        QVERIFY(watch.process.waitForFinished(30000));
-        QCOMPARE(watch.process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(watch.process.exitCode(), 1);
+        watch.finish(1);
     }
 
     void excludedNamesDoNotTrigger()
     {
         KVNTestTree left, right;
-        left.file("keep", "k");
-        right.file("keep", "k");
-        left.dir("skip.tmp");
-        right.dir("skip.tmp");
-        Watch watch;
-        watch.start({"--watch=json", "--exclude=spotlightItemFSName ENDSWITH '.tmp'",
-                     QString::fromLocal8Bit(left.root()), QString::fromLocal8Bit(right.root())});
+        KVNFillTrees(left, right, {"=keep", "=skip.tmp/"});
+        Watch watch({"--watch=json", "--exclude=spotlightItemFSName ENDSWITH '.tmp'"}, left, right);
         QVERIFY(watch.waitFor(1));
-        QCOMPARE(watch.process.state(), QProcess::Running);
         right.file("skip.tmp/inner", "x"); // its event names the excluded directory
         QVERIFY(!watch.waitFor(2, 6000));
         right.file("visible", "v");
@@ -177,30 +151,23 @@ private slots:
         ::kill(pid_t(watch.process.processId()), SIGTERM);
         QVERIFY(watch.process.waitForFinished(30000));
         QCOMPARE(watch.process.exitStatus(), QProcess::NormalExit);
-        // The last report has an extra file on one side.
-        QCOMPARE(watch.process.exitCode(), 1);
+        QCOMPARE(watch.process.exitCode(), 1);                    // the last report has an extra file on one side
         QVERIFY(watch.process.readAllStandardOutput().isEmpty()); // no partial line after the signal
     }
 
     void textShowsOnlyWhatChanged()
     {
         KVNTestTree left, right;
-        left.file("same", "s");
-        right.file("same", "s");
-        QProcess process;
-        process.start(QStringLiteral(KVDIFF_BINARY), {"--watch", "--until-eof", QString::fromLocal8Bit(left.root()),
-                                                      QString::fromLocal8Bit(right.root())});
-        QVERIFY(process.waitForStarted());
+        KVNFillTrees(left, right, {"=same"});
+        Watch watch({"--watch", "--until-eof"}, left, right);
         QTest::qWait(1500);
-        QVERIFY(process.readAllStandardOutput().isEmpty()); // nothing differs: the default filter shows nothing
+        QVERIFY(watch.process.readAllStandardOutput().isEmpty()); // nothing differs: the default filter shows nothing
         right.file("added", "a");
         QByteArray out;
-        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains(": added\n"), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT((out += watch.process.readAllStandardOutput()).contains(": added\n"), 30000);
         QVERIFY(out.startsWith("@ "));
         QVERIFY(out.contains("\n+ Only in "));
-        process.closeWriteChannel();
-        QVERIFY(process.waitForFinished(30000));
-        QCOMPARE(process.exitCode(), 1);
+        watch.finish(1);
     }
 };
 

@@ -2,21 +2,16 @@
 #include "KVNMainThread.h"
 #include "KVNOperationQueue.h"
 #include "KVNTinyLock.h"
+#include "KVNWatchdog.h"
 
 #include <QCoreApplication>
 #include <QTest>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <latch>
-#include <memory>
-#include <mutex>
 #include <random>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 using namespace std::chrono_literals;
 
@@ -27,13 +22,11 @@ class Gate {
 public:
     void open()
     {
-        std::unique_lock lock(mutex_);
+        std::lock_guard lock(mutex_);
         open_ = true;
-        lock.unlock();
         cv_.notify_all();
     }
-    void wait() { waitFor(24h); }
-    bool waitFor(std::chrono::milliseconds limit)
+    bool waitFor(std::chrono::milliseconds limit = 24h)
     {
         std::unique_lock lock(mutex_);
         return cv_.wait_for(lock, limit, [this] { return open_; });
@@ -43,26 +36,6 @@ private:
     std::mutex mutex_;
     std::condition_variable cv_;
     bool open_ = false;
-};
-
-// Turns a hang into a failure: a deadlock must not sit until CI's own timeout.
-class Watchdog {
-public:
-    explicit Watchdog(const char *what)
-        : thread_([this, what = QByteArray(what)] {
-              if (!done_.waitFor(60s))
-                  qFatal("%s: no progress in 60 s, presumed deadlocked", what.constData());
-          })
-    {}
-    ~Watchdog()
-    {
-        done_.open();
-        thread_.join();
-    }
-
-private:
-    Gate done_;
-    std::thread thread_; // last: it uses done_
 };
 
 // Highest number of bodies seen running at once.
@@ -121,11 +94,12 @@ private:
 class TestOperationQueue : public QObject {
     Q_OBJECT
 
+    std::unique_ptr<KVNWatchdog> watchdog_;
+
 private slots:
-    void init() { watchdog_ = std::make_unique<Watchdog>(QTest::currentTestFunction()); }
+    void init() { watchdog_ = std::make_unique<KVNWatchdog>(QTest::currentTestFunction(), 60); }
     void cleanup() { watchdog_.reset(); }
 
-    // Dependencies, cancellation, failures
     void dependenciesFinishFirst_data()
     {
         QTest::addColumn<int>("width");
@@ -140,12 +114,18 @@ private slots:
         std::vector<KVNOperationPtr> ops;
         std::vector<char> ran(count, 0), cancelled(count, 0);
         std::atomic<int> violations{0};
+        KVNOperationQueue queue;
+        // One finished before the rest arrive: depending on it must not block.
+        auto done = op([] {});
+        queue.addOperation(done);
+        queue.waitUntilAllOperationsAreFinished();
         for (int i = 0; i < count; ++i) {
             ops.push_back(op([&, i] {
                 for (const auto &dependency : ops[i]->dependencies())
                     violations += !dependency->isFinished();
                 ran[i] = 1;
             }));
+            ops[i]->addDependency(done);
             for (int k = 0; i > 0 && k < 3; ++k)
                 ops[i]->addDependency(ops[random() % i]);
             if (random() % 10 == 0) { // their dependants must run all the same
@@ -155,16 +135,14 @@ private slots:
         }
         auto shuffled = ops; // dependants often reach the queue before their dependencies
         std::shuffle(shuffled.begin(), shuffled.end(), random);
-        KVNOperationQueue queue;
         queue.setMaxConcurrentOperationCount(width);
         queue.addOperations(shuffled);
         queue.waitUntilAllOperationsAreFinished();
-
         QCOMPARE(violations.load(), 0);
         for (int i = 0; i < count; ++i)
             QVERIFY(ops[i]->isFinished() && bool(ran[i]) == !cancelled[i]);
         QCOMPARE(queue.operationCount(), std::size_t(0));
-        QCOMPARE(queue.finishedOperationTotal(), std::size_t(count));
+        QCOMPARE(queue.finishedOperationTotal(), std::size_t(count + 1));
     }
 
     void cancelAllReachesWaitingOperations()
@@ -180,12 +158,11 @@ private slots:
         KVNOperationQueue queue;
         queue.setMaxConcurrentOperationCount(1);
         queue.addOperation(holder);
-        holder->started.wait();
+        holder->started.waitFor();
         queue.addOperations({rest.begin(), rest.end()});
         queue.cancelAllOperations();
         for (const auto &probe : rest)
             QVERIFY(probe->isCancelled());
-
         // Cancelling is not a state of the queue, and a cancelled operation still releases its dependants.
         std::atomic<bool> dependantRan{false};
         auto dependant = op([&] { dependantRan = rest.back()->isFinished(); });
@@ -194,7 +171,6 @@ private slots:
         QVERIFY(!rest.back()->isFinished());
         group.count_down();
         queue.waitUntilAllOperationsAreFinished();
-
         QVERIFY(holder->sawCancel); // a running body only gets to see the flag
         for (const auto &probe : rest)
             QVERIFY(probe->isFinished() && !probe->ranBody);
@@ -216,7 +192,7 @@ private slots:
             void main() override
             {
                 started.open();
-                released.wait();
+                released.waitFor();
             }
         };
         auto running = std::make_shared<Releasing>();
@@ -224,7 +200,7 @@ private slots:
         KVNOperationQueue queue;
         queue.setMaxConcurrentOperationCount(1);
         queue.addOperation(running);
-        running->started.wait();
+        running->started.waitFor();
         for (int i = 0; i < 3; ++i)
             queue.addOperation(op([&] {
                 ++bodies;
@@ -233,23 +209,6 @@ private slots:
         queue.cancelAllOperations();
         queue.waitUntilAllOperationsAreFinished();
         QCOMPARE(bodies.load(), 0);
-    }
-
-    void dependencyOnFinishedOperationDoesNotBlock()
-    {
-        KVNOperationQueue queue;
-        auto done = op([] {});
-        queue.addOperation(done);
-        queue.waitUntilAllOperationsAreFinished();
-
-        std::atomic<int> ran{0};
-        auto pending = op([&] { ++ran; });
-        auto dependant = op([&] { ran = ran * 10 + 2; });
-        dependant->addDependency(done);
-        dependant->addDependency(pending);
-        queue.addOperations({dependant, pending});
-        queue.waitUntilAllOperationsAreFinished();
-        QCOMPARE(ran.load(), 12); // after the pending one, not stuck on the finished one
     }
 
     void throwingBodyFinishesAndWorkerSurvives()
@@ -273,34 +232,31 @@ private slots:
         auto dependant = op(record);
         dependant->addDependency(throwsStd);
         dependant->addDependency(throwsOther);
-
         KVNOperationQueue queue;
         queue.setMaxConcurrentOperationCount(1); // one worker, which must outlive both throws
         queue.addOperations({throwsStd, throwsOther, dependant, op(record)});
         queue.waitUntilAllOperationsAreFinished();
-
         QVERIFY(throwsStd->isFinished() && !throwsStd->isExecuting() && throwsOther->isFinished());
         QCOMPARE(queue.finishedOperationTotal(), std::size_t(4));
         QCOMPARE(threads.size(), std::size_t(4));
         QVERIFY(std::all_of(threads.begin(), threads.end(), [&](auto id) { return id == threads[0]; }));
-    }
 
-    void addingAnOperationTwiceIsHarmless()
-    {
-        auto queue = std::make_unique<KVNOperationQueue>();
+        // Added twice, an operation runs once and leaves no phantom behind.
+        auto queueForTwice = std::make_unique<KVNOperationQueue>();
         auto twice = op([] {});
-        queue->addOperation(twice);
-        queue->addOperation(twice);
+        queueForTwice->addOperation(twice);
+        queueForTwice->addOperation(twice);
         twice->waitUntilFinished();
-        const bool settled = QTest::qWaitFor([&] { return queue->operationCount() == 0; }, 2000);
+        const bool settled = QTest::qWaitFor([&] { return queueForTwice->operationCount() == 0; }, 2000);
         if (!settled)
-            abandonedQueue = queue.release(); // its destructor would wait for the phantom for ever
+            abandonedQueue = queueForTwice.release(); // its destructor would wait for the phantom for ever
         QVERIFY(settled);
     }
 
-    // Graphs that grow while they run
-    void stageQueuesChildrenAndBarrier()
+    void graphsGrowWhileTheyRun()
     {
+        // A stage queues its children and a barrier after them; a closing step,
+        // queued already, cannot be ready while the stage runs.
         constexpr int children = 1000;
         KVNOperationQueue queue;
         std::atomic<int> childrenRun{0}, barrierSaw{-1};
@@ -315,32 +271,24 @@ private slots:
                 barrier->addDependency(batch.back());
             }
             batch.push_back(barrier);
-            // The closing step is queued already: it cannot be ready while this stage runs.
             closing->addDependency(barrier);
             queue.addOperations(batch);
         });
         closing->addDependency(stage);
         queue.addOperations({stage, closing});
         queue.waitUntilAllOperationsAreFinished();
-
-        QCOMPARE(childrenRun.load(), children);
         QCOMPARE(barrierSaw.load(), children);
         QVERIFY(closingAfterBarrier);
-        QCOMPARE(queue.operationCount(), std::size_t(0));
         QCOMPARE(queue.finishedOperationTotal(), std::size_t(children + 3));
-    }
 
-    void waitCoversOperationsAddedWhileWaiting()
-    {
+        // A wait covers operations added while it waits: invokeAndWait() returns
+        // only once the main thread is inside the wait (no event loop spins here).
         constexpr int length = 300;
-        KVNOperationQueue queue;
         std::atomic<int> links{0};
         std::function<void()> link = [&] {
             if (++links < length)
                 queue.addOperation(op(link));
         };
-        // invokeAndWait() returns only once the main thread is inside the wait
-        // (no event loop spins here), so the chain grows while it waits.
         queue.addOperation(op([&] {
             KVNMainThread::invokeAndWait([] {});
             queue.addOperation(op(link));
@@ -350,14 +298,13 @@ private slots:
         QCOMPARE(queue.operationCount(), std::size_t(0));
     }
 
-    // Width
     void widthBoundsConcurrency_data()
     {
         QTest::addColumn<int>("width");
         QTest::addColumn<int>("expected");
         QTest::newRow("default: the cores") << KVNOperationQueue::KVNOperationQueueDefaultMaxConcurrentOperationCount
                                             << int(std::thread::hardware_concurrency());
-        for (int width : {1, 2, 3, 8})
+        for (int width : {1, 3, 8})
             QTest::addRow("%d", width) << width << width;
     }
     void widthBoundsConcurrency()
@@ -404,13 +351,14 @@ private slots:
         queue.waitUntilAllOperationsAreFinished();
         QVERIFY2(meter.peak <= 2, qPrintable(QString("%1 at once with width 2").arg(meter.peak.load())));
 
+        // Widened while its only worker is busy, a queue starts the next at once.
         KVNOperationQueue narrow;
         narrow.setMaxConcurrentOperationCount(1);
         std::latch group(1);
         auto first = std::make_shared<Probe>(group, true);
         Gate secondStarted;
         narrow.addOperation(first);
-        first->started.wait();
+        first->started.waitFor();
         narrow.addOperation(op([&] { secondStarted.open(); }));
         narrow.setMaxConcurrentOperationCount(2);
         const bool overlapped = secondStarted.waitFor(2s);
@@ -419,7 +367,6 @@ private slots:
         QVERIFY(overlapped);
     }
 
-    // Observation and lifetime
     void countObserverSeesRiseAndReturnToZero()
     {
         std::mutex mutex;
@@ -442,7 +389,6 @@ private slots:
             gate->cancel();
             queue.waitUntilAllOperationsAreFinished();
         } // the workers are joined: every notification has been made
-
         QVERIFY(seen.size() >= 11);
         for (std::size_t i = 0; i < 10; ++i)
             QCOMPARE(seen[i], std::make_pair(i + 1, i));
@@ -464,16 +410,14 @@ private slots:
         auto queue = std::make_unique<KVNOperationQueue>();
         queue->setMaxConcurrentOperationCount(1);
         queue->addOperation(running);
-        running->started.wait();
+        running->started.waitFor();
         queue->addOperations({pending.begin(), pending.end()});
         queue.reset();
-
         QVERIFY(running->sawCancel && running->isFinished()); // it ended before the destructor returned
         for (const auto &probe : pending)
             QVERIFY(probe->isFinished() && !probe->ranBody);
     }
 
-    // Main thread
     void postRunsLaterOnMainThreadInOrder()
     {
         std::vector<int> order;
@@ -489,9 +433,7 @@ private slots:
         KVNMainThread::post([&] { note(1); });
         KVNMainThread::post([&] { note(2); });
         QVERIFY(order.empty()); // never inside post(), not even on the main thread
-        QTRY_COMPARE(order.size(), std::size_t(4));
-        QCOMPARE(order, (std::vector<int>{0, 1, 2, 3}));
-
+        QTRY_COMPARE(order, (std::vector<int>{0, 1, 2, 3}));
         order.clear();
         std::thread([&] {
             for (int i = 0; i < 200; ++i)
@@ -500,10 +442,8 @@ private slots:
         QTRY_COMPARE(order.size(), std::size_t(200));
         QVERIFY(std::is_sorted(order.begin(), order.end()));
         QVERIFY(allOnMain);
-    }
 
-    void postWithReceiverDropsAfterReceiverDies()
-    {
+        // With a receiver, what is posted is dropped once the receiver is gone.
         QObject alive;
         auto *doomed = new QObject;
         bool ranDoomed = false, ranAlive = false, sentinel = false;
@@ -515,8 +455,7 @@ private slots:
         delete doomed;
         KVNMainThread::post([&] { sentinel = true; }); // runs after anything posted before it
         QTRY_VERIFY(sentinel);
-        QVERIFY(ranAlive);
-        QVERIFY(!ranDoomed);
+        QVERIFY(ranAlive && !ranDoomed);
     }
 
     void invokeAndWaitRunsOnMainThread()
@@ -524,8 +463,7 @@ private slots:
         bool ranAtOnce = false;
         KVNMainThread::invokeAndWait([&] { ranAtOnce = true; });
         QVERIFY(ranAtOnce); // on the main thread it runs at once
-
-        int value = 0; // plain: the return must order the worker after the call
+        int value = 0;      // plain: the return must order the worker after the call
         bool onMain = false;
         std::atomic<int> seenByWorker{-1};
         std::thread worker([&] {
@@ -538,20 +476,16 @@ private slots:
         QTRY_COMPARE(seenByWorker.load(), 42); // the event loop serves the call
         worker.join();
         QVERIFY(onMain);
-    }
 
-    void waitServesInvokeAndWait()
-    {
-        // The main thread blocks in the wait, spinning no event loop, while the
-        // operations it waits for need it: only the wait itself can serve them.
-        constexpr int rounds = 200, perRound = 6;
-        int served = 0; // main thread only
+        // The main thread blocks in a queue's wait, spinning no event loop, while
+        // the operations it waits for need it: only the wait itself can serve them.
+        int served = 0;
         bool allOnMain = true;
-        for (int round = 0; round < rounds; ++round) {
+        for (int round = 0; round < 200; ++round) {
             KVNOperationQueue queue;
             queue.setMaxConcurrentOperationCount(4);
             std::vector<KVNOperationPtr> ops;
-            for (int i = 0; i < perRound; ++i) {
+            for (int i = 0; i < 6; ++i) {
                 ops.push_back(op([&] {
                     KVNMainThread::invokeAndWait([&] {
                         allOnMain = allOnMain && KVNMainThread::isMainThread();
@@ -563,12 +497,11 @@ private slots:
             }
             queue.addOperations(ops);
             queue.waitUntilAllOperationsAreFinished();
-            QCOMPARE(served, (round + 1) * perRound);
+            QCOMPARE(served, (round + 1) * 6);
         }
         QVERIFY(allOnMain);
     }
 
-    // KVNTinyLock
     void tinyLockExcludes()
     {
         constexpr int threads = 4, perThread = 250000;
@@ -590,7 +523,6 @@ private slots:
         for (auto &worker : workers)
             worker.join();
         QCOMPARE(counter, long(threads) * perThread);
-
         lock.lock();
         bool taken = true;
         std::thread([&] { taken = lock.try_lock(); }).join();
@@ -600,9 +532,6 @@ private slots:
         QVERIFY(taken);
         lock.unlock();
     }
-
-private:
-    std::unique_ptr<Watchdog> watchdog_;
 };
 
 QTEST_GUILESS_MAIN(TestOperationQueue)

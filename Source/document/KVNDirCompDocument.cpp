@@ -79,7 +79,9 @@ void KVNDirCompDocument::awakeFromNib()
     view().stopSpinner();
     view().setSpinnerHidden(true);
     std::weak_ptr<KVNDirCompDocument> weak = weak_from_this();
-    QTimer::singleShot(100, this, [weak] {
+    // The pause lets a window show itself before the work starts; without one
+    // there is nothing to wait for.
+    QTimer::singleShot(view_ ? 100 : 0, this, [weak] {
         if (auto self = weak.lock())
             self->finishWindowSetup();
     });

@@ -23,13 +23,11 @@ public:
 
     void incrementalRefreshStep(KVNRefreshTableOperation *operation, const KVNDirDiffTableElementPtr &row) override
     {
-        std::size_t step;
-        {
-            std::lock_guard guard(mutex_);
-            steps_.push_back(row);
-            step = steps_.size() - 1;
-            offMainThread_ = offMainThread_ && !KVNMainThread::isMainThread();
-        }
+        std::unique_lock guard(mutex_);
+        steps_.push_back(row);
+        const std::size_t step = steps_.size() - 1;
+        offMainThread_ = offMainThread_ && !KVNMainThread::isMainThread();
+        guard.unlock();
         if (onStep)
             onStep(operation, step);
     }
@@ -39,24 +37,16 @@ public:
         ++completed_;
         offMainThread_ = offMainThread_ && !KVNMainThread::isMainThread();
     }
-
-    std::vector<KVNDirDiffTableElementPtr> steps() const
-    {
-        std::lock_guard guard(mutex_);
-        return steps_;
-    }
-    int completed() const
-    {
-        std::lock_guard guard(mutex_);
-        return completed_;
-    }
-    bool calledOffMainThread() const
-    {
-        std::lock_guard guard(mutex_);
-        return offMainThread_;
-    }
+    std::vector<KVNDirDiffTableElementPtr> steps() const { return locked(steps_); }
+    int completed() const { return locked(completed_); }
+    bool calledOffMainThread() const { return locked(offMainThread_); }
 
 private:
+    template <typename T> T locked(const T &value) const
+    {
+        std::lock_guard guard(mutex_);
+        return value;
+    }
     mutable std::mutex mutex_;
     std::vector<KVNDirDiffTableElementPtr> steps_;
     int completed_ = 0;
@@ -89,29 +79,23 @@ public:
         for (const auto &node : watched_)
             node->removeObserver(this);
     }
-
-    void watch(const KVNFileNodePtr &node)
-    {
-        if (!node)
-            return;
-        watched_.push_back(node);
-        node->addObserver(weak_from_this());
-    }
     // Both nodes of a row, as they are now.
     void watchRow(const KVNDirDiffTableElementPtr &row)
     {
-        watch(row->leftNode());
-        watch(row->rightNode());
+        for (const auto &node : {row->leftNode(), row->rightNode()}) {
+            if (node) {
+                watched_.push_back(node);
+                node->addObserver(weak_from_this());
+            }
+        }
     }
-
     void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override
     {
-        if (key != KVNNodeKey::DiffResult)
-            return;
-        std::lock_guard guard(mutex_);
-        log_[&node].push_back(node.diffResult());
+        if (key == KVNNodeKey::DiffResult) {
+            std::lock_guard guard(mutex_);
+            log_[&node].push_back(node.diffResult());
+        }
     }
-
     std::vector<int32_t> results(const KVNFileNodePtr &node) const
     {
         std::lock_guard guard(mutex_);
@@ -122,11 +106,6 @@ public:
     {
         const auto seen = results(node);
         return std::find(seen.begin(), seen.end(), int32_t(KVNDiffResultUnknown)) != seen.end();
-    }
-    void clear()
-    {
-        std::lock_guard guard(mutex_);
-        log_.clear();
     }
 
 private:
@@ -141,8 +120,6 @@ inline QString KVNRowResults(const KVNDirDiffTableElementPtr &row)
 {
     if (!row)
         return QStringLiteral("no row");
-    auto side = [](const KVNFileNodePtr &node) {
-        return node ? QString::number(node->diffResult()) : QStringLiteral("-");
-    };
+    auto side = [](const KVNFileNodePtr &node) { return node ? QString::number(node->diffResult()) : "-"; };
     return side(row->leftNode()) + QLatin1Char(' ') + side(row->rightNode());
 }

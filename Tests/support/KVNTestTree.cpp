@@ -131,6 +131,22 @@ void KVNTestTree::rename(const QByteArray &from, const QByteArray &to)
     QVERIFY(::rename(path(from).constData(), path(to).constData()) == 0);
 }
 
+void KVNFillTrees(KVNTestTree &left, KVNTestTree &right, std::initializer_list<QByteArray> entries)
+{
+    for (const QByteArray &entry : entries) {
+        const char where = entry.front();
+        const QByteArray path = entry.mid(1);
+        for (KVNTestTree *tree : {&left, &right}) {
+            if ((where == '<' && tree == &right) || (where == '>' && tree == &left))
+                continue;
+            if (path.endsWith('/'))
+                tree->dir(path.chopped(1));
+            else
+                tree->file(path, where != '~' ? "same" : tree == &left ? "left" : "rite");
+        }
+    }
+}
+
 KVNTestComparison KVNTestComparison::run(const KVNTestTree &left, const KVNTestTree &right, const QString &exclusion)
 {
     KVNTestComparison comparison;

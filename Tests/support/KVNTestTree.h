@@ -7,6 +7,7 @@
 #include <QSet>
 #include <QTemporaryDir>
 
+#include <initializer_list>
 #include <map>
 #include <memory>
 
@@ -34,6 +35,12 @@ private:
     std::unique_ptr<QTemporaryDir> dir_;
     QSet<QByteArray> madeDirectories_;
 };
+
+// Fills two trees; the first character of each entry says where it goes:
+// '=' the same file on both sides, '~' on both sides with contents that differ
+// at the same size and date, '<' left only, '>' right only. An entry that ends
+// in '/' is a directory.
+void KVNFillTrees(KVNTestTree &left, KVNTestTree &right, std::initializer_list<QByteArray> entries);
 
 // A finished comparison, with the rows by their display path ("./a/b").
 struct KVNTestComparison {
