@@ -123,7 +123,8 @@ private slots:
                                         {"10.0.1.5", "10"}, {"12ab.34cd", "12ab.34cd"}, {" -3.+4.x", " -3"},
                                         {".local", ""}};
         for (const auto &[host, expected] : cases) {
-            const QString result = KVNStringAdditions::shortHostnameForLabel(*host ? QString::fromLatin1(host) : QString());
+            const QString result =
+                KVNStringAdditions::shortHostnameForLabel(*host ? QString::fromLatin1(host) : QString());
             QCOMPARE(result, QString::fromLatin1(expected));
             QVERIFY(!result.isNull());
         }

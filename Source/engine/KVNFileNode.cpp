@@ -43,8 +43,6 @@ std::shared_ptr<const KVNNodeLocation> makeLocation(std::shared_ptr<const QByteA
 } // namespace
 
 struct KVNFileNode::LazyCache {
-    QByteArray relativePath;
-    QByteArray lowercaseRelativePath;
     QString spotlightItemKind;
 };
 
@@ -215,26 +213,19 @@ bool KVNFileNode::hasSameLowercaseRelativePath(const KVNFileNode &other) const
     return KVNPathBytes::lowercaseNameEquals(name_, otherName.constData(), otherName.size());
 }
 
+// The paths are put together when asked and not kept: both parts are at
+// hand, and a million kept paths would weigh more than the nodes.
 QByteArray KVNFileNode::relativePath() const
 {
     if (isRoot())
         return QByteArrayLiteral("./");
     if (isTransient())
         return absolutePath();
-    {
-        std::lock_guard guard(KVNStripedLocks::forAddress(this));
-        if (lazyAttrs_ && !lazyAttrs_->relativePath.isNull())
-            return lazyAttrs_->relativePath;
-    }
     QByteArray path;
     path.reserve(location_->relativeDirectory.size() + 1 + name_.size());
     path += location_->relativeDirectory;
     path += '/';
     path += name_;
-    std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    if (!lazyAttrs_)
-        lazyAttrs_ = std::make_unique<LazyCache>();
-    lazyAttrs_->relativePath = path;
     return path;
 }
 
@@ -242,23 +233,12 @@ QByteArray KVNFileNode::lowercaseRelativePath() const
 {
     if (isRoot())
         return QByteArrayLiteral("./");
-    if (!isTransient()) {
-        std::lock_guard guard(KVNStripedLocks::forAddress(this));
-        if (lazyAttrs_ && !lazyAttrs_->lowercaseRelativePath.isNull())
-            return lazyAttrs_->lowercaseRelativePath;
-    }
     QByteArray path;
     const QByteArray lowerName = KVNPathBytes::lowercaseName(name_);
     path.reserve(location_->lowercaseRelativeDirectory.size() + 1 + lowerName.size());
     path += location_->lowercaseRelativeDirectory;
     path += '/';
     path += lowerName;
-    if (isTransient())
-        return path;
-    std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    if (!lazyAttrs_)
-        lazyAttrs_ = std::make_unique<LazyCache>();
-    lazyAttrs_->lowercaseRelativePath = path;
     return path;
 }
 
