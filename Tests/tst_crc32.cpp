@@ -65,7 +65,7 @@ struct TripwireState {
     struct sigaction previous {};
 } gTripwire;
 
-void tripwireHandler(int signal, siginfo_t *info, void *context)
+void tripwireHandler(int signal, siginfo_t *info, void *)
 {
     auto *address = static_cast<unsigned char *>(info->si_addr);
     if (gTripwire.page && address >= gTripwire.page && address < gTripwire.page + gTripwire.pageSize) {
@@ -74,15 +74,9 @@ void tripwireHandler(int signal, siginfo_t *info, void *context)
         mprotect(gTripwire.page, gTripwire.pageSize, PROT_READ | PROT_WRITE);
         return;
     }
-    // Not ours: let the earlier handler (or the default action) have it.
-    if (gTripwire.previous.sa_flags & SA_SIGINFO) {
-        gTripwire.previous.sa_sigaction(signal, info, context);
-    } else if (gTripwire.previous.sa_handler != SIG_DFL && gTripwire.previous.sa_handler != SIG_IGN) {
-        gTripwire.previous.sa_handler(signal);
-    } else {
-        std::signal(signal, SIG_DFL);
-        std::raise(signal);
-    }
+    // Not ours: a real crash, reported as one.
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
 }
 
 struct Tripwire {

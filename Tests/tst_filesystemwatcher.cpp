@@ -286,19 +286,6 @@ private slots:
         touch(w.left + "/busy/after");
         QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left + "/busy"), 5000);
     }
-
-    void watchesALargeTree()
-    {
-        // In memory where there is some: the point is our work, not the disk's.
-        Watched w(500ms, QFileInfo("/dev/shm").isWritable() ? "/dev/shm" : QDir::tempPath());
-        for (int i = 0; i < 100; ++i)
-            for (int j = 0; j < 100; ++j)
-                w.tree.dir("left/t" + QByteArray::number(i) + "/s" + QByteArray::number(j));
-        QVERIFY(w.start());
-        QCOMPARE(w.watcher->watchCount(), std::size_t(10100 + 3));
-        touch(w.left + "/t77/s42/f");
-        QTRY_VERIFY_WITH_TIMEOUT(w.saw(w.left + "/t77/s42"), 5000);
-    }
 };
 
 QTEST_GUILESS_MAIN(TestFileSystemWatcher)

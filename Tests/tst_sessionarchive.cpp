@@ -293,19 +293,6 @@ private slots:
             QCOMPARE(QString::number(i) + ": " + ours.value(i), QString::number(i) + ": " + theirs[i]);
         QCOMPARE(ours.size(), theirs.size());
 
-        // Each exclusion a user adds wraps the previous predicate; classes are
-        // described once, the first time they are used.
-        KVNSessionContents contents = example.contents();
-        contents.exclusionPredicate = KVNPredicate::orPredicateWithSubpredicates(
-            {KVNPredicate::orPredicateWithSubpredicates(
-                 {contents.exclusionPredicate, nameComparison(Operator::EndsWith, QStringLiteral(".log"))}),
-             nameComparison(Operator::Like, QStringLiteral("build"))});
-        const QStringList d = describeAll(KVNSessionArchive::archive(contents));
-        QCOMPARE(d.size(), 86);
-        QCOMPARE(d[76], QStringLiteral(R"({"$class": @77, "NSFlags": 1, "NSModifier": 0, "NSOperatorType": 9, )"
-                                       R"("NSPosition": 1})"));
-        QCOMPARE(d[85], QStringLiteral(R"({"$classes": ["NSDictionary", "NSObject"], "$classname": "NSDictionary"})"));
-
         // NSNull is a singleton: every absent value refers to the same record.
         KVNSessionContents sparse;
         sparse.originalURL = QByteArray("/nonexistent/left");
@@ -322,7 +309,6 @@ private slots:
         QTest::addColumn<QString>("encoded"); // with no slash: not a directory
         QTest::newRow("space") << QByteArray("site v1") << QStringLiteral("site%20v1/");
         QTest::newRow("escapes") << QByteArray("100%#1?x") << QStringLiteral("100%25%231%3Fx/");
-        QTest::newRow("accent") << QByteArray("caf\xC3\xA9") << QStringLiteral("caf%C3%A9/");
         QTest::newRow("not UTF-8") << QByteArray("raw\xFF\xFE") << QStringLiteral("raw%FF%FE/");
         QTest::newRow("kept as is") << QByteArray("a+b=c,d;e@f:g!h$i&j'k(l)m*n~o_p-q.r")
                                     << QStringLiteral("a+b=c,d;e@f:g!h$i&j'k(l)m*n~o_p-q.r/");
@@ -362,15 +348,11 @@ private slots:
         } cases[] = {
             {"file:///home/ana/site%20v1/", "/home/ana/site v1", ""},
             {"FILE://LocalHost/x", "/x", ""},
-            {"file:/x/y", "/x/y", ""},
-            {"file:///", "/", ""},
             {"file:///a%c3%a9%2f", "/a\xC3\xA9", ""},
             {"file:///a/b?x=1#y", "/a/b", ""}, // query and fragment end the path
             {"http://example.com/x/", "", "is not a file URL"},
-            {"site%20v1/", "", "is not a file URL"},
             {"file://server/share/", "", "names the host \"server\""},
             {"file:///a%2", "", "malformed percent escape"},
-            {"file:///a%zz", "", "malformed percent escape"},
             {"file:///a%00b", "", "NUL byte"},
             {"file://localhost", "", "no absolute path"},
         };
@@ -400,14 +382,13 @@ private slots:
         const QByteArray nullBase = "<key>NS.base</key>" + u(0);
         add("as saved", xml);
         add("DOCTYPE line", edited(xml, "<plist version",
-                                   "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-                                   "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version"));
+                                   "<!DOCTYPE plist PUBLIC \"-//Example//DTD PLIST 1.0//EN\" "
+                                   "\"http://www.example.com/DTDs/PropertyList-1.0.dtd\">\n<plist version"));
         add("version as a double", edited(xml, "<real>0.10000000149011612</real>", "<real>0.1</real>"), {}, "site-v2",
             0.1);
         add("mutable classes", edited(edited(xml, cls({"NSDictionary"}), cls({"NSMutableDictionary", "NSDictionary"})),
                                       cls({"NSArray"}), cls({"NSMutableArray", "NSArray"})));
         add("options under NSOptions", QByteArray(xml).replace("<key>NSFlags</key>", "<key>NSOptions</key>"));
-        add("valueForKeyPath:", edited(xml, str("valueForKey:"), str("valueForKeyPath:")));
         QByteArray extras =
             edited(xml, "<string>NSURL</string><string>NSObject</string></array>",
                    "<string>NSURL</string><string>NSObject</string></array><key>$classhints</key>" + ids({}));
@@ -416,10 +397,6 @@ private slots:
         extras = edited(edited(extras, u(7) + "</array>", u(7) + u(67) + "</array>"), u(17) + "</array>",
                         u(17) + u(8) + "</array>");
         add("class hints, unknown keys and an extra root key", withEntries(extras, str("lastWindowFrame")));
-        add("URL with a base",
-            withEntries(edited(edited(xml, nullBase, "<key>NS.base</key>" + u(67)), str("file://" + e + "site%20v1/"),
-                               str("site%20v1/")),
-                        dict({"NS.base", u(0), "NS.relative", u(68), "$class", u(12)}) + str("file://" + e)));
         add("URL relative to another URL",
             edited(edited(xml, nullBase, "<key>NS.base</key>" + u(10), 2), str("file://" + e + "site-v2/"),
                    str("../site%20v1/./sub/")),
@@ -451,10 +428,8 @@ private slots:
         const QByteArray &xml = tree.xml;
         const QByteArray binary = KVNPropertyListBinaryFromXml(xml);
         QTest::newRow("empty") << QByteArray() << "not a property list";
-        QTest::newRow("text") << QByteArray("hello, world\n") << "not a property list";
         QTest::newRow("other binary version")
             << "bplist01" + binary.mid(8) << "unsupported binary property list version";
-        QTest::newRow("header only") << QByteArray("bplist00") << "truncated";
         QTest::newRow("offset table outside")
             << binary.left(binary.size() - 8) + QByteArray(8, '\xFF') << "offset table lies outside the file";
         QTest::newRow("broken XML") << QByteArray("<plist version=\"1.0\"><dict><key>a</dict></plist>")
@@ -476,9 +451,7 @@ private slots:
         add("$archiver", edited(xml, str("NSKeyedArchiver"), str("NSArchiver")), "$archiver is \"NSArchiver\"");
         add("no $top", edited(xml, "<key>$top</key>", "<key>$tip</key>"), "$top is missing");
         add("root out of range", swap("root", u(1), u(999)), "refers to object 999");
-        add("nil root", swap("root", u(1), u(0)), "root object is nil");
         add("keys and values differ", edited(xml, u(7) + "</array>", "</array>"), "5 keys but 6 values");
-        add("root not a dictionary", edited(xml, cls({"NSDictionary"}), cls({"NSArray"})), "expected a dictionary");
         add("record without $class", edited(xml, field("$class", u(16)), ""), "has no $class");
         add("own class", swap("$class", u(23), u(22)), "its own class");
         add("version a string", edited(xml, "<real>0.10000000149011612</real>", str("0.1")),
@@ -492,11 +465,6 @@ private slots:
         add("BETWEEN", edited(xml, likeClass, cls({"NSBetweenPredicateOperator", "NSPredicateOperator"})),
             "BETWEEN comparisons are not supported");
         add("ALL", swap("NSModifier", integer(0), integer(1), 3), "ALL comparisons are not supported");
-        add("locale option", swap("NSFlags", integer(1), integer(9)), "options 9 are not supported");
-        add("variable expression",
-            edited(xml, cls({"NSConstantValueExpression", "NSExpression"}),
-                   cls({"NSVariableExpression", "NSExpression"})),
-            "is not an expression");
         add("bad key path", edited(xml, str("spotlightItemFSName"), str("not a key")),
             "\"not a key\" is not a key path");
         add("unparseable text", withEntries(edited(xml, u(17) + "</array>", u(67) + "</array>"), str("name LIKE")),

@@ -100,19 +100,6 @@ private slots:
         QVERIFY(cancelled->rows.empty());
         QCOMPARE(cancelled->calls.load(), 0);
     }
-
-    void bigTablesArriveWhole()
-    {
-        KVNTestTree left, right;
-        for (int d = 0; d < 30; ++d)
-            for (int f = 0; f < 100; ++f)
-                (f % 2 ? left : right).file("d" + QByteArray::number(d) + "/f" + QByteArray::number(f), "x");
-        auto built = build(left.root(), right.root());
-        QCOMPARE(built->rows.size(), size_t(30 + 3000));
-        // Each directory row is followed by its own children.
-        for (std::size_t i = 0; i < built->rows.size(); ++i)
-            QCOMPARE(built->rows[i]->depthHint() == 2 ? built->rows[i]->parentElement()->depthHint() : 1u, 1u);
-    }
 };
 
 QTEST_GUILESS_MAIN(TestTableBuilder)
