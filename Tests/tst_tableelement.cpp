@@ -1,3 +1,4 @@
+// ctest-label: concurrency
 // Rows: one result read from two nodes, default directions when a result
 // arrives, and a directory's direction summed from its children.
 #include "KVNArrayController.h"
@@ -5,6 +6,8 @@
 #include "KVNNSArrayBatcher.h"
 
 #include <QTest>
+
+#include <thread>
 
 namespace {
 
@@ -148,6 +151,51 @@ private slots:
         QCOMPARE(dir->mergeDirection(), uint64_t(KVNMergeDirectionChildrenLeft));
         b->setMergeDirection(KVNMergeDirectionChildrenRight);
         QCOMPARE(dir->mergeDirection(), uint64_t(KVNMergeDirectionChildrenLeft));
+    }
+
+    // A directory sums up its children from counts it keeps as they change,
+    // are added and are removed: the counts must never drift from the list.
+    void summaryFollowsTheChildrenItHasNow()
+    {
+        std::vector<KVNDirDiffTableElementPtr> rows;
+        for (int i = 0; i < 2000; ++i)
+            rows.push_back(fileRow("./wide/f" + QByteArray::number(i)));
+        auto dir = directoryRow("./wide", rows, false);
+        const auto summary = [&dir] {
+            dir->updateMergeDirectionForDirectory();
+            return dir->mergeDirection();
+        };
+        // Children change from several threads at once, each many times over.
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&rows, t] {
+                for (int round = 0; round < 50; ++round)
+                    for (std::size_t i = std::size_t(t); i < rows.size(); i += 4)
+                        rows[i]->setMergeDirection(uint64_t((round + int(i)) % 6));
+            });
+        for (auto &thread : threads)
+            thread.join();
+        for (const auto &row : rows)
+            row->setMergeDirection(KVNMergeDirectionNone);
+        QCOMPARE(summary(), uint64_t(KVNMergeDirectionNone));
+        rows[7]->setMergeDirection(KVNMergeDirectionLeft);
+        QCOMPARE(summary(), uint64_t(KVNMergeDirectionChildrenLeft));
+        // A removed child no longer counts, whatever it does afterwards.
+        dir->removeChildElement(rows[7].get());
+        QCOMPARE(summary(), uint64_t(KVNMergeDirectionNone));
+        rows[7]->setMergeDirection(KVNMergeDirectionRight);
+        QCOMPARE(summary(), uint64_t(KVNMergeDirectionNone));
+        // An added child counts with the direction it brings and those it takes later.
+        auto added = fileRow("./wide/new");
+        added->setMergeDirection(KVNMergeDirectionRight);
+        dir->addChildElement(added);
+        QCOMPARE(summary(), uint64_t(KVNMergeDirectionChildrenRight));
+        added->setMergeDirection(KVNMergeDirectionNone);
+        QCOMPARE(summary(), uint64_t(KVNMergeDirectionNone));
+        // A child outlives its directory without reaching back into it.
+        dir.reset();
+        added->setMergeDirection(KVNMergeDirectionLeft);
+        QCOMPARE(added->mergeDirection(), uint64_t(KVNMergeDirectionLeft));
     }
 
     void identityAndLabels()
