@@ -32,7 +32,7 @@ EOF
 
 while [ $# -gt 0 ]; do
     case $1 in
-    --work-dir) work=$2; shift ;;
+    --work-dir) work=$2 work_given=1; shift ;;
     --runs) runs=$2; shift ;;
     --seed) seed=$2; shift ;;
     --files) files=$2; shift ;;
@@ -40,13 +40,16 @@ while [ $# -gt 0 ]; do
     --total-bytes) total=$2; shift ;;
     --change-share) share=$2; shift ;;
     --million) million=$2; shift ;;
-    --small) files=5000 dirs=500 total=200M million=100000 ;;
+    --small) files=5000 dirs=500 total=200M million=100000 small=1 ;;
     --no-micro) micro=0 ;;
     -h | --help) usage; exit 0 ;;
     *) usage >&2; exit 2 ;;
     esac
     shift
 done
+# The small pairs live beside the default ones, so that a quick round does not
+# replace gigabytes that take minutes to make again.
+[ "${small:-0}" -eq 1 ] && [ "${work_given:-0}" -eq 0 ] && [ -z "${KORVANE_BENCH_DIR:-}" ] && work=$work-small
 [[ $runs =~ ^[1-9][0-9]*$ ]] || { echo "run-benchmarks: --runs takes a positive number" >&2; exit 2; }
 
 packages=(build-essential cmake ninja-build pkg-config qt6-base-dev liburing-dev libplist-dev
@@ -126,10 +129,14 @@ memory_and_stages() {
     /usr/bin/time -v -o "$work/time.txt" "$kvdiff" "${stats[@]}" --report=json "$original" "$modified" \
         >/dev/null 2>"$work/stats.txt" || status=$?
     [ "$status" -le 1 ] || { cat "$work/stats.txt" >&2; exit 1; }
-    awk -v peak="$(peak_kib)" -v base="$baseline_kib" -v items="$items" 'BEGIN {
-        printf "kvdiff peak RSS: %.1f MiB for %d items in both trees: %.0f bytes per item,", peak / 1024, items,
-            peak * 1024 / items
-        printf " %.0f above the %.1f MiB of comparing two empty folders\n", (peak - base) * 1024 / items, base / 1024 }'
+    # An item is one path of the comparison: its two nodes and its row.
+    local rows
+    rows=$(awk '$1 == "stats:" && $2 == "table" { print $4 }' "$work/stats.txt")
+    awk -v peak="$(peak_kib)" -v base="$baseline_kib" -v items="$items" -v rows="${rows:-0}" 'BEGIN {
+        if (rows == 0) rows = items / 2
+        printf "kvdiff peak RSS: %.1f MiB for %d items (rows; %d nodes in both trees): %.0f bytes per item,",
+            peak / 1024, rows, items, peak * 1024 / rows
+        printf " %.0f above the %.1f MiB of comparing two empty folders\n", (peak - base) * 1024 / rows, base / 1024 }'
     if [ ${#stats[@]} -eq 0 ]; then
         echo "kvdiff --stats: not in this kvdiff yet"
         return
