@@ -7,6 +7,7 @@
 
 #include <QTest>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -189,6 +190,23 @@ void TestComparePipeline::deepAndWideTrees()
     QCOMPARE(c.row("./wide/file1233")->diffResult(), 1);
     // Siblings sort by name without regard to case: file10 before file2.
     QVERIFY(c.paths().indexOf("./wide/file10") < c.paths().indexOf("./wide/file2"));
+    // Workers open files through the directories they hold, and let them go
+    // once the queue is idle: nothing of either tree stays open after a run.
+    const auto holdsSomethingInside = [&] {
+        DIR *fds = ::opendir("/proc/self/fd");
+        bool held = false;
+        while (dirent *entry = fds ? ::readdir(fds) : nullptr) {
+            char target[4096];
+            const ssize_t n = ::readlinkat(::dirfd(fds), entry->d_name, target, sizeof target);
+            const QByteArray path(target, n > 0 ? n : 0);
+            held = held || path.startsWith(left.root()) || path.startsWith(right.root());
+        }
+        if (fds)
+            ::closedir(fds);
+        return held;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(!holdsSomethingInside(), 10000);
+    QVERIFY(c.document->refreshOperationQueue().operationCount() == 0);
 }
 
 void TestComparePipeline::unreadableItemsForAnotherUser()

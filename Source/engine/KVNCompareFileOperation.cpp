@@ -54,7 +54,8 @@ public:
 
     int open(const KVNFileNode &node, int side, int flags)
     {
-        if (node.isRoot() || node.isTransient())
+        // Off a worker nothing would ever let the directory go again.
+        if (node.isRoot() || node.isTransient() || !KVNOperation::isWorkerThread())
             return ::open(node.absolutePath().constData(), flags);
         Entry &entry = entries_[side];
         if (entry.location != node.location()) {

@@ -6,7 +6,18 @@
 
 namespace {
 thread_local void (*tIdleWork)() = nullptr;
+thread_local bool tWorkerThread = false;
 } // namespace
+
+bool KVNOperation::isWorkerThread()
+{
+    return tWorkerThread;
+}
+
+void KVNOperation::markWorkerThread()
+{
+    tWorkerThread = true;
+}
 
 void KVNOperation::setIdleWork(void (*work)())
 {

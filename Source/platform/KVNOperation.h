@@ -37,9 +37,12 @@ public:
     // What a worker thread does once its queue has nothing ready: it gives
     // back what operations kept for the next one on the same thread (open
     // directories, say), so nothing stays held while the queue is idle.
+    // Only a queue's worker threads ever run it, so only they may keep things for it.
     static void setIdleWork(void (*work)());
     static bool hasIdleWork();
     static void runIdleWork();
+    static bool isWorkerThread();
+    static void markWorkerThread(); // by the queue, once per worker
 
 protected:
     virtual void main() {}

@@ -119,6 +119,7 @@ void KVNOperationQueueState::notifyCount()
 
 void KVNOperationQueueState::workerLoop()
 {
+    KVNOperation::markWorkerThread();
     std::unique_lock lock(mutex);
     for (;;) {
         if (ready.empty() && KVNOperation::hasIdleWork()) {
