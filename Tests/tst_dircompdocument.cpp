@@ -2,7 +2,6 @@
 #include "KVNDirCompDocument.h"
 #include "KVNPathBytes.h"
 #include "KVNTestTree.h"
-#include "KVNUserDefaults.h"
 #include "KVNWatchdog.h"
 
 #include <QtTest>
@@ -135,12 +134,7 @@ class TestDirCompDocument : public QObject {
     QTemporaryDir settingsDir_;
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY(settingsDir_.isValid());
-        KVNUserDefaults::standardUserDefaults().setStoragePath(settingsDir_.filePath(QStringLiteral("defaults.ini")));
-        KVNRegisterApplicationDefaults();
-    }
+    void initTestCase() { KVNUseIsolatedDefaults(settingsDir_); }
 
     void fullRunEndsFilteredWithStatusAndSpinner()
     {

@@ -3,7 +3,6 @@
 #include "KVNDirCompDocument.h"
 #include "KVNSessionArchive.h"
 #include "KVNTestTree.h"
-#include "KVNUserDefaults.h"
 
 #include <QProcess>
 #include <QTemporaryDir>
@@ -20,11 +19,7 @@ class TestDocumentSession : public QObject {
     }
 
 private slots:
-    void initTestCase()
-    {
-        KVNUserDefaults::standardUserDefaults().setStoragePath(settings_.filePath("settings.ini"));
-        KVNRegisterApplicationDefaults();
-    }
+    void initTestCase() { KVNUseIsolatedDefaults(settings_); }
 
     void savedSessionReadsBack()
     {

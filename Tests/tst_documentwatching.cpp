@@ -1,7 +1,6 @@
 // ctest-label: concurrency
 #include "KVNDirCompDocument.h"
 #include "KVNTestTree.h"
-#include "KVNUserDefaults.h"
 
 #include <QtTest>
 
@@ -63,12 +62,7 @@ class TestDocumentWatching : public QObject {
     QTemporaryDir settingsDir_;
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY(settingsDir_.isValid());
-        KVNUserDefaults::standardUserDefaults().setStoragePath(settingsDir_.filePath(QStringLiteral("defaults.ini")));
-        KVNRegisterApplicationDefaults();
-    }
+    void initTestCase() { KVNUseIsolatedDefaults(settingsDir_); }
 
     void newFileReachesTheRowsByItself()
     {

@@ -1,6 +1,7 @@
 #include "KVNTestTree.h"
 
 #include "KVNPredicate.h"
+#include "KVNUserDefaults.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -229,4 +230,11 @@ void KVNOpenUpForUnprivileged(const QByteArray &path)
             ::chmod(current.constData(), info.st_mode | S_IXOTH | S_IROTH);
         current = current.left(current.lastIndexOf('/'));
     }
+}
+
+void KVNUseIsolatedDefaults(const QTemporaryDir &dir)
+{
+    QVERIFY(dir.isValid());
+    KVNUserDefaults::standardUserDefaults().setStoragePath(dir.filePath(QStringLiteral("defaults.ini")));
+    KVNRegisterApplicationDefaults();
 }

@@ -68,3 +68,7 @@ int KVNRunUnprivileged(const std::function<int()> &fn);
 // Makes a path reachable for the unprivileged user (a temporary folder under
 // root's private /tmp may not be).
 void KVNOpenUpForUnprivileged(const QByteArray &path);
+
+// Points this process's defaults at a fresh file in dir and registers the
+// application's defaults there, so that no test reads or writes the user's.
+void KVNUseIsolatedDefaults(const QTemporaryDir &dir);
