@@ -120,6 +120,48 @@ private slots:
         orphan->setDiffResult(KVNDiffResultSingle); // no parent to tell: nothing happens
     }
 
+    void scannedNodeOutlivesItsTree()
+    {
+        // Scanned nodes derive their paths through their parents; a node kept
+        // by itself must still answer them, and its key, once the tree is gone.
+        KVNTestTree left;
+        KVNTestTree right;
+        left.file("Deep/Er/\xc3\x84pfel/Na\xffme.TXT", "1");
+        left.file("Deep/Er/\xc3\x84pfel/sibling", "2");
+        right.file("deep/ER/\xc3\xa4pfel/na\xffme.txt", "1");
+        KVNFileNodePtr kept;
+        KVNFileNodePtr partner;
+        {
+            auto leftTree = scan(left.root())->fileTree();
+            auto rightTree = scan(right.root())->fileTree();
+            const QByteArray key = "./deep/er/\xc3\xa4pfel/na\xffme.txt";
+            kept = leftTree->relativeLookupDict()->value(key);
+            partner = rightTree->relativeLookupDict()->valueMatching(*kept);
+            QVERIFY(kept && partner);
+            QVERIFY(kept->hasSameLowercaseRelativePath(*partner) && partner->hasLowercaseRelativePath(key));
+            QCOMPARE(kept->lowercaseRelativePathHash(),
+                     KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, key.constData(), key.size()));
+            auto sibling = leftTree->relativeLookupDict()->value("./deep/er/\xc3\xa4pfel/sibling");
+            QVERIFY(!kept->hasSameLowercaseRelativePath(*sibling));
+            QVERIFY(kept->directoryNode().get() == sibling->directoryNode().get());
+            QCOMPARE(kept->parentNode()->relativePath(), QByteArray("./Deep/Er/\xc3\x84pfel"));
+        }
+        QVERIFY(!kept->parentNode());
+        QCOMPARE(kept->relativePath(), QByteArray("./Deep/Er/\xc3\x84pfel/Na\xffme.TXT"));
+        QCOMPARE(kept->absolutePath(), left.path("Deep/Er/\xc3\x84pfel/Na\xffme.TXT"));
+        QCOMPARE(kept->directoryPath(), left.path("Deep/Er/\xc3\x84pfel"));
+        QCOMPARE(kept->depthHint(), 4u);
+        QVERIFY(kept->hasSameLowercaseRelativePath(*partner));
+        QCOMPARE(kept->lowercaseRelativePath(), partner->lowercaseRelativePath());
+
+        // Made under a node that is not its directory, a node keeps its own place.
+        auto root = KVNFileNode::make("/b", "./", nullptr, 0);
+        auto stray = KVNFileNode::make("/b", "./x/y", root, 2);
+        QCOMPARE(stray->relativePath(), QByteArray("./x/y"));
+        QCOMPARE(stray->depthHint(), 2u);
+        QVERIFY(!stray->directoryNode().get() && stray->parentNode() == root);
+    }
+
     void parentRuleUnderConcurrentChildren()
     {
         // Many children settle at once: the parent ends at 5 and nothing deadlocks.

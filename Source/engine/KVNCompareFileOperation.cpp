@@ -55,22 +55,23 @@ public:
     int open(const KVNFileNode &node, int side, int flags)
     {
         // Off a worker nothing would ever let the directory go again.
-        if (node.isRoot() || node.isTransient() || !KVNOperation::isWorkerThread())
+        KVNWeakRef<KVNFileNode> directory = node.directoryNode();
+        if (!directory.get() || !KVNOperation::isWorkerThread())
             return ::open(node.absolutePath().constData(), flags);
         Entry &entry = entries_[side];
-        if (entry.location != node.location()) {
+        if (entry.directory.get() != directory.get()) {
             if (entry.fd >= 0)
                 ::close(entry.fd);
-            QByteArray directory = node.directoryPath();
-            if (directory.isEmpty())
-                directory = "/";
-            entry.location = node.location();
-            entry.fd = ::open(directory.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+            QByteArray path = node.directoryPath();
+            if (path.isEmpty())
+                path = "/";
+            entry.directory = std::move(directory);
+            entry.fd = ::open(path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
             KVNOperation::setIdleWork([] { cache().clear(); });
         }
         if (entry.fd < 0)
             return ::open(node.absolutePath().constData(), flags);
-        return ::openat(entry.fd, node.name().constData(), flags);
+        return ::openat(entry.fd, node.nameData(), flags);
     }
 
     void clear()
@@ -90,7 +91,7 @@ public:
 
 private:
     struct Entry {
-        std::shared_ptr<const KVNNodeLocation> location; // held, so that its address is not reused
+        KVNWeakRef<KVNFileNode> directory; // held, so that its address is not reused
         int fd = -1;
     };
     Entry entries_[2];

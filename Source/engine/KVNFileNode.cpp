@@ -3,159 +3,243 @@
 #include "KVNPathBytes.h"
 
 #include <QMimeDatabase>
+#include <QVarLengthArray>
 
+#include <cstring>
 #include <mutex>
+#include <new>
+#include <stdexcept>
 
 namespace {
 
 const std::vector<KVNFileNodePtr> kNoChildren;
 
 // Directories that hold an application or another kind of package; a package
-// is shown with a size and an application is never rolled up.
-bool hasExtension(const QByteArray &name, std::initializer_list<const char *> extensions)
+// is shown with a size and an application is never rolled up. Asked per row,
+// so it looks at the name in place.
+bool hasExtension(QByteArrayView name, std::initializer_list<const char *> extensions)
 {
-    const QByteArray extension = KVNPathBytes::pathExtension(name).toLower();
-    if (extension.isEmpty())
+    const qsizetype dot = name.lastIndexOf('.');
+    if (dot <= 0 || dot == name.size() - 1)
         return false;
+    const QByteArrayView extension = name.sliced(dot + 1);
     for (const char *candidate : extensions)
-        if (extension == candidate)
+        if (extension.compare(QByteArrayView(candidate), Qt::CaseInsensitive) == 0)
             return true;
     return false;
 }
 
-std::shared_ptr<const QByteArray> normalisedBase(const QByteArray &basePath)
+QByteArray withoutTrailingSlashes(QByteArray path, qsizetype keep)
 {
-    QByteArray base = basePath;
-    while (base.endsWith('/'))
-        base.chop(1);
-    return std::make_shared<const QByteArray>(base);
-}
-
-std::shared_ptr<const KVNNodeLocation> makeLocation(std::shared_ptr<const QByteArray> basePath, QByteArray relative,
-                                                    QByteArray lowercase)
-{
-    uint64_t hash = KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, lowercase.constData(), lowercase.size());
-    hash = KVNPathBytes::hashBytes(hash, "/", 1);
-    return std::make_shared<const KVNNodeLocation>(
-        KVNNodeLocation{std::move(basePath), std::move(relative), std::move(lowercase), hash});
+    while (path.size() > keep && path.endsWith('/'))
+        path.chop(1);
+    return path;
 }
 
 } // namespace
 
-struct KVNFileNode::LazyCache {
-    QString spotlightItemKind;
+// Where an anchor stands: a root's base, a transient node's directory, or the
+// directory of a node made away from its directory's node.
+struct KVNNodeAnchor {
+    QByteArray basePath;          // absolute, without a trailing slash ("" for "/")
+    QByteArray relativeDirectory; // "." for the root's children, "./a/b" below; absolute on a transient node
+    QByteArray lowercaseRelativeDirectory;
+    uint32_t depthHint = 0;
 };
 
-struct KVNFileNode::Children {
-    std::vector<KVNFileNodePtr> nodes;
-    std::shared_ptr<const KVNNodeLocation> location;
+struct KVNFileNode::Extras {
+    std::vector<KVNFileNodePtr> children;                      // only the scan adds, before anyone else sees the tree
+    std::vector<std::weak_ptr<KVNNodeObserver>> moreObservers; // guarded by a striped lock
+    QString spotlightItemKind;                                 // guarded by a striped lock
+    std::unique_ptr<const KVNNodeAnchor> anchor;               // set when the node is made, never changed
 };
 
-struct KVNFileNode::Observers {
-    std::vector<std::weak_ptr<KVNNodeObserver>> list;
-};
+KVNFileNode *KVNFileNode::allocate(QByteArrayView name)
+{
+    if (name.size() > 0xFFFF)
+        throw std::length_error("a file name longer than 65535 bytes");
+    void *memory = ::operator new(sizeof(KVNFileNode) + std::size_t(name.size()) + 1);
+    auto *node = new (memory) KVNFileNode();
+    char *bytes = reinterpret_cast<char *>(node + 1);
+    if (!name.isEmpty())
+        std::memcpy(bytes, name.data(), std::size_t(name.size()));
+    bytes[name.size()] = 0;
+    node->nameSize_ = uint16_t(name.size());
+    return node;
+}
 
-KVNFileNode::KVNFileNode() = default;
-KVNFileNode::~KVNFileNode() = default;
+void KVNFileNode::destroy(KVNFileNode *node)
+{
+    node->~KVNFileNode();
+    ::operator delete(static_cast<void *>(node));
+}
+
+KVNFileNode::~KVNFileNode()
+{
+    delete extras_.load(std::memory_order_acquire);
+    if (parent_)
+        parent_->releaseWeak();
+}
+
+// The use has ended: what the node owns goes, what its descendants may still
+// read to make their paths (name, parent, anchor) stays with the memory.
+void KVNFileNode::dispose()
+{
+    Extras *extras = extrasIfAny();
+    std::vector<KVNFileNodePtr> children;
+    std::weak_ptr<KVNNodeObserver> first;
+    std::vector<std::weak_ptr<KVNNodeObserver>> more;
+    {
+        std::lock_guard guard(KVNStripedLocks::forAddress(this));
+        first.swap(firstObserver_);
+        if (extras) {
+            children.swap(extras->children);
+            more.swap(extras->moreObservers);
+            extras->spotlightItemKind = QString();
+        }
+    }
+}
+
+KVNFileNode::Extras &KVNFileNode::extras()
+{
+    Extras *extras = extrasIfAny();
+    if (extras)
+        return *extras;
+    auto *made = new Extras;
+    if (extras_.compare_exchange_strong(extras, made, std::memory_order_acq_rel))
+        return *made;
+    delete made;
+    return *extras;
+}
 
 KVNFileNodePtr KVNFileNode::make(const QByteArray &basePath, const QByteArray &relativePath,
                                  const KVNFileNodePtr &parent, uint32_t depthHint)
 {
-    auto node = std::make_shared<KVNFileNode>();
-    node->parent_ = parent;
-    node->depthHint_ = depthHint;
-    QByteArray relative = relativePath;
-    while (relative.size() > 2 && relative.endsWith('/'))
-        relative.chop(1);
-    if (relative == "./" || relative == "." || relative.isEmpty()) {
-        node->flags_ |= kRoot;
-        node->location_ = makeLocation(normalisedBase(basePath), QByteArray(), QByteArray());
-        return node;
-    }
-    if (!relative.startsWith("./"))
+    QByteArray relative = withoutTrailingSlashes(relativePath, 2);
+    const bool root = relative == "./" || relative == "." || relative.isEmpty();
+    if (!root && !relative.startsWith("./"))
         relative.prepend("./");
-    const qsizetype slash = relative.lastIndexOf('/');
-    node->name_ = relative.mid(slash + 1);
-    const QByteArray directory = relative.left(slash);
-    if (parent && parent->relativePath() == (directory == "." ? QByteArray("./") : directory)) {
-        node->location_ = parent->childLocation();
-    } else {
-        node->location_ = makeLocation(normalisedBase(basePath), directory, KVNPathBytes::lowercasePath(directory));
+    const qsizetype slash = root ? -1 : relative.lastIndexOf('/');
+    const QByteArray directory = root ? QByteArray() : relative.left(slash);
+    KVNFileNode *node = allocate(root ? QByteArrayView() : QByteArrayView(relative).sliced(slash + 1));
+    KVNFileNodePtr ref(node);
+    if (parent) {
+        parent->retainWeak();
+        node->parent_ = parent.get();
     }
-    return node;
+    // Under its directory's node a node derives its place; elsewhere it keeps its own.
+    const bool derived = !root && parent && depthHint == parent->depthHint() + 1 &&
+                         parent->relativePath() == (directory == "." ? QByteArray("./") : directory);
+    if (!derived) {
+        node->flags_ |= kAnchored | (root ? kRoot : 0);
+        node->extras().anchor.reset(new KVNNodeAnchor{withoutTrailingSlashes(basePath, 0), directory,
+                                                      KVNPathBytes::lowercasePath(directory), depthHint});
+    }
+    return ref;
 }
 
 KVNFileNodePtr KVNFileNode::makeChild(const KVNFileNodePtr &parent, const QByteArray &name)
 {
-    auto node = std::make_shared<KVNFileNode>();
-    node->parent_ = parent;
-    node->depthHint_ = parent->depthHint_ + 1;
-    node->name_ = name;
-    node->location_ = parent->childLocation();
-    return node;
+    KVNFileNode *node = allocate(name);
+    KVNFileNodePtr ref(node);
+    parent->retainWeak();
+    node->parent_ = parent.get();
+    return ref;
 }
 
 KVNFileNodePtr KVNFileNode::makeTransient(const QByteArray &absolutePath)
 {
-    auto node = std::make_shared<KVNFileNode>();
-    node->flags_ |= kTransient;
-    node->depthHint_ = KVNTransientDepthHint;
-    QByteArray path = absolutePath;
-    while (path.size() > 1 && path.endsWith('/'))
-        path.chop(1);
+    const QByteArray path = withoutTrailingSlashes(absolutePath, 1);
     const qsizetype slash = path.lastIndexOf('/');
-    node->name_ = slash < 0 ? path : path.mid(slash + 1);
     const QByteArray directory = slash < 0 ? QByteArray() : path.left(slash);
-    node->location_ =
-        makeLocation(std::make_shared<const QByteArray>(), directory, KVNPathBytes::lowercasePath(directory));
+    KVNFileNode *node = allocate(slash < 0 ? QByteArrayView(path) : QByteArrayView(path).sliced(slash + 1));
+    KVNFileNodePtr ref(node);
+    node->flags_ |= kTransient | kAnchored;
+    node->extras().anchor.reset(
+        new KVNNodeAnchor{QByteArray(), directory, KVNPathBytes::lowercasePath(directory), KVNTransientDepthHint});
     KVNDirectoryEntry entry;
     if (KVNDirectoryReader::attributesOfItem(path, entry))
         node->setFileAttrs(KVNFileAttributes::fromEntry(entry));
-    return node;
-}
-
-std::shared_ptr<const KVNNodeLocation> KVNFileNode::childLocation()
-{
-    // Only the scan adds children, on its own thread, before anyone else sees the tree.
-    if (!children_)
-        children_ = std::make_unique<Children>();
-    if (!children_->location) {
-        const QByteArray relative = isRoot() ? QByteArray(".") : relativePath();
-        const QByteArray lowercase = isRoot() ? QByteArray(".") : lowercaseRelativePath();
-        children_->location = makeLocation(location_->basePath, relative, lowercase);
-    }
-    return children_->location;
+    return ref;
 }
 
 void KVNFileNode::addChildNode(const KVNFileNodePtr &child)
 {
     if (!child)
         return;
-    if (!children_)
-        children_ = std::make_unique<Children>();
-    children_->nodes.push_back(child);
-    child->parent_ = weak_from_this();
+    extras().children.push_back(child);
+    if (child->parent_ == this)
+        return;
+    retainWeak();
+    if (child->parent_)
+        child->parent_->releaseWeak();
+    child->parent_ = this;
 }
 
 const std::vector<KVNFileNodePtr> &KVNFileNode::childNodes() const
 {
-    return children_ ? children_->nodes : kNoChildren;
+    const Extras *extras = extrasIfAny();
+    return extras ? extras->children : kNoChildren;
+}
+
+bool KVNFileNode::hasChildNodes() const
+{
+    const Extras *extras = extrasIfAny();
+    return extras && !extras->children.empty();
+}
+
+KVNFileNodePtr KVNFileNode::parentNode() const
+{
+    if (parent_ && parent_->tryRetain())
+        return KVNFileNodePtr::adopt(const_cast<KVNFileNode *>(parent_));
+    return nullptr;
+}
+
+const KVNFileNode *KVNFileNode::anchor() const
+{
+    const KVNFileNode *node = this;
+    while (!node->isAnchor())
+        node = node->parent_;
+    return node;
+}
+
+uint32_t KVNFileNode::depthHint() const
+{
+    uint32_t steps = 0;
+    const KVNFileNode *node = this;
+    for (; !node->isAnchor(); node = node->parent_)
+        ++steps;
+    return node->extrasIfAny()->anchor->depthHint + steps;
+}
+
+KVNWeakRef<KVNFileNode> KVNFileNode::directoryNode() const
+{
+    return isAnchor() ? KVNWeakRef<KVNFileNode>() : KVNWeakRef<KVNFileNode>(parent_);
 }
 
 std::optional<KVNFileAttributes> KVNFileNode::fileAttrs() const
 {
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    if (!hasAttrs_)
+    if (!(attrFlags_ & kHasAttrs))
         return std::nullopt;
-    return attrs_;
+    KVNFileAttributes attrs;
+    attrs.fileType = fileType_;
+    attrs.hasSize = attrFlags_ & kHasSize;
+    attrs.fileSize = fileSize_;
+    attrs.modificationDate = KVNDate{modifiedSeconds_, modifiedNanoseconds_};
+    return attrs;
 }
 
 void KVNFileNode::setFileAttrs(const std::optional<KVNFileAttributes> &attrs)
 {
     {
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
-        hasAttrs_ = attrs.has_value();
-        attrs_ = attrs.value_or(KVNFileAttributes());
+        const KVNFileAttributes value = attrs.value_or(KVNFileAttributes());
+        attrFlags_ = uint8_t((attrs ? kHasAttrs : 0) | (value.hasSize ? kHasSize : 0));
+        fileType_ = value.fileType;
+        fileSize_ = value.fileSize;
+        modifiedSeconds_ = value.modificationDate.seconds;
+        modifiedNanoseconds_ = value.modificationDate.nanoseconds;
     }
     notifyObservers(KVNNodeKey::FileAttrs);
 }
@@ -166,7 +250,7 @@ void KVNFileNode::setDiffResult(int32_t result)
         std::lock_guard guard(monitor_);
         diffResult_.store(result, std::memory_order_release);
         // The parent's own setter runs inside this lock: locks nest child to parent.
-        if (auto parent = parent_.lock())
+        if (auto parent = parentNode())
             parent->notifyParentChangedDiffResult(*this);
     }
     notifyObservers(KVNNodeKey::DiffResult);
@@ -183,38 +267,31 @@ void KVNFileNode::notifyParentChangedDiffResult(const KVNFileNode &child)
         setDiffResult(KVNDiffResultDifferSingle);
 }
 
-uint64_t KVNFileNode::lowercaseRelativePathHash() const
+// Paths are put together when asked and not kept: a million kept paths would
+// weigh more than the nodes. A node below its anchor adds "/name" per level.
+void KVNFileNode::appendRelativePath(QByteArray &path, bool lowercase) const
 {
-    if (isRoot() || isTransient()) {
-        const QByteArray key = lowercaseRelativePath();
-        return KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, key.constData(), key.size());
+    QVarLengthArray<const KVNFileNode *, 24> chain;
+    const KVNFileNode *node = this;
+    for (; !node->isAnchor(); node = node->parent_)
+        chain.append(node);
+    const KVNNodeAnchor &anchor = *node->extrasIfAny()->anchor;
+    if (node->isRoot()) {
+        path += '.';
+    } else {
+        path += lowercase ? anchor.lowercaseRelativeDirectory : anchor.relativeDirectory;
+        path += '/';
+        path += lowercase ? KVNPathBytes::lowercaseName(node->nameView()) : node->name();
     }
-    return KVNPathBytes::hashLowercaseName(location_->lowercaseDirectoryHash, name_);
+    for (qsizetype i = chain.size() - 1; i >= 0; --i) {
+        path += '/';
+        if (lowercase)
+            path += KVNPathBytes::lowercaseName(chain[i]->nameView());
+        else
+            path += chain[i]->nameView();
+    }
 }
 
-bool KVNFileNode::hasLowercaseRelativePath(const QByteArray &key) const
-{
-    if (isRoot() || isTransient())
-        return key == lowercaseRelativePath();
-    const QByteArray &directory = location_->lowercaseRelativeDirectory;
-    const qsizetype nameStart = directory.size() + 1;
-    return key.size() >= nameStart && key[directory.size()] == '/' && key.startsWith(directory) &&
-           KVNPathBytes::lowercaseNameEquals(name_, key.constData() + nameStart, key.size() - nameStart);
-}
-
-bool KVNFileNode::hasSameLowercaseRelativePath(const KVNFileNode &other) const
-{
-    if (isRoot() || isTransient() || other.isRoot() || other.isTransient())
-        return lowercaseRelativePath() == other.lowercaseRelativePath();
-    if (location_ != other.location_ &&
-        location_->lowercaseRelativeDirectory != other.location_->lowercaseRelativeDirectory)
-        return false;
-    const QByteArray otherName = KVNPathBytes::lowercaseName(other.name_);
-    return KVNPathBytes::lowercaseNameEquals(name_, otherName.constData(), otherName.size());
-}
-
-// The paths are put together when asked and not kept: both parts are at
-// hand, and a million kept paths would weigh more than the nodes.
 QByteArray KVNFileNode::relativePath() const
 {
     if (isRoot())
@@ -222,10 +299,8 @@ QByteArray KVNFileNode::relativePath() const
     if (isTransient())
         return absolutePath();
     QByteArray path;
-    path.reserve(location_->relativeDirectory.size() + 1 + name_.size());
-    path += location_->relativeDirectory;
-    path += '/';
-    path += name_;
+    path.reserve(64);
+    appendRelativePath(path, false);
     return path;
 }
 
@@ -234,31 +309,83 @@ QByteArray KVNFileNode::lowercaseRelativePath() const
     if (isRoot())
         return QByteArrayLiteral("./");
     QByteArray path;
-    const QByteArray lowerName = KVNPathBytes::lowercaseName(name_);
-    path.reserve(location_->lowercaseRelativeDirectory.size() + 1 + lowerName.size());
-    path += location_->lowercaseRelativeDirectory;
-    path += '/';
-    path += lowerName;
+    path.reserve(64);
+    appendRelativePath(path, true);
+    return path;
+}
+
+uint64_t KVNFileNode::lowercaseRelativePathHash() const
+{
+    if (isAnchor()) {
+        const QByteArray key = lowercaseRelativePath();
+        return KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, key.constData(), key.size());
+    }
+    // The same value as hashing the whole key: the anchor's key, then "/name" per level.
+    QVarLengthArray<const KVNFileNode *, 24> chain;
+    const KVNFileNode *node = this;
+    for (; !node->isAnchor(); node = node->parent_)
+        chain.append(node);
+    uint64_t hash;
+    if (node->isRoot()) {
+        hash = KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, ".", 1);
+    } else {
+        const QByteArray key = node->lowercaseRelativePath();
+        hash = KVNPathBytes::hashBytes(KVNPathBytes::kHashSeed, key.constData(), key.size());
+    }
+    for (qsizetype i = chain.size() - 1; i >= 0; --i)
+        hash = KVNPathBytes::hashLowercaseName(KVNPathBytes::hashBytes(hash, "/", 1), chain[i]->nameView());
+    return hash;
+}
+
+bool KVNFileNode::hasLowercaseRelativePath(const QByteArray &key) const
+{
+    return key == lowercaseRelativePath();
+}
+
+bool KVNFileNode::hasSameLowercaseRelativePath(const KVNFileNode &other) const
+{
+    // Level by level while both derive their place; siblings meet at one parent.
+    const KVNFileNode *a = this;
+    const KVNFileNode *b = &other;
+    while (a != b) {
+        if (a->isAnchor() || b->isAnchor()) {
+            if (a->isRoot() || b->isRoot())
+                return a->isRoot() && b->isRoot();
+            return a->lowercaseRelativePath() == b->lowercaseRelativePath();
+        }
+        if (!KVNPathBytes::lowercaseNamesEqual(a->nameView(), b->nameView()))
+            return false;
+        a = a->parent_;
+        b = b->parent_;
+    }
+    return true;
+}
+
+QByteArray KVNFileNode::absolutePath() const
+{
+    const KVNFileNode *top = anchor();
+    const KVNNodeAnchor &place = *top->extrasIfAny()->anchor;
+    if (isRoot())
+        return place.basePath.isEmpty() ? QByteArrayLiteral("/") : place.basePath;
+    if (isTransient())
+        return place.relativeDirectory + '/' + name();
+    QByteArray path = place.basePath;
+    path.reserve(place.basePath.size() + 64);
+    QByteArray relative;
+    appendRelativePath(relative, false);
+    path += QByteArrayView(relative).sliced(1); // drop the leading "."
     return path;
 }
 
 QByteArray KVNFileNode::directoryPath() const
 {
-    const QByteArray &base = *location_->basePath;
     if (isRoot())
-        return base.isEmpty() ? QByteArrayLiteral("/") : base;
+        return absolutePath();
     if (isTransient())
-        return location_->relativeDirectory;
-    QByteArray path = base;
-    path += QByteArrayView(location_->relativeDirectory).sliced(1); // drop the leading "."
+        return extrasIfAny()->anchor->relativeDirectory;
+    QByteArray path = absolutePath();
+    path.chop(nameSize_ + 1);
     return path;
-}
-
-QByteArray KVNFileNode::absolutePath() const
-{
-    if (isRoot())
-        return directoryPath();
-    return directoryPath() + '/' + name_;
 }
 
 QString KVNFileNode::displayRelativePath() const
@@ -268,27 +395,28 @@ QString KVNFileNode::displayRelativePath() const
 
 std::optional<KVNDate> KVNFileNode::modifiedDate() const
 {
-    auto attrs = fileAttrs();
-    if (!attrs)
+    std::lock_guard guard(KVNStripedLocks::forAddress(this));
+    if (!(attrFlags_ & kHasAttrs))
         return std::nullopt;
-    return attrs->modificationDate;
+    return KVNDate{modifiedSeconds_, modifiedNanoseconds_};
 }
 
 bool KVNFileNode::isDirectory() const
 {
-    auto attrs = fileAttrs();
-    return attrs && attrs->fileType == KVNFileType::Directory;
+    std::lock_guard guard(KVNStripedLocks::forAddress(this));
+    return (attrFlags_ & kHasAttrs) && fileType_ == KVNFileType::Directory;
 }
 
 bool KVNFileNode::isApplication() const
 {
-    return isDirectory() && hasExtension(name_, {"app"});
+    return isDirectory() && hasExtension(nameView(), {"app"});
 }
 
 bool KVNFileNode::isBundle() const
 {
-    return isDirectory() && hasExtension(name_, {"app", "bundle", "framework", "plugin", "kvplugin", "kext", "pkg",
-                                                 "mpkg", "xpc", "appex", "docset", "qlgenerator", "saver", "prefpane"});
+    return isDirectory() &&
+           hasExtension(nameView(), {"app", "bundle", "framework", "plugin", "kvplugin", "kext", "pkg", "mpkg", "xpc",
+                                     "appex", "docset", "qlgenerator", "saver", "prefpane"});
 }
 
 uint64_t KVNFileNode::fileSizeWChildren() const
@@ -330,8 +458,11 @@ QString KVNFileNode::fileSizeLabel() const
 
 QString KVNFileNode::cachedKind() const
 {
+    const Extras *extras = extrasIfAny();
+    if (!extras)
+        return QString();
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    return lazyAttrs_ ? lazyAttrs_->spotlightItemKind : QString();
+    return extras->spotlightItemKind;
 }
 
 QString KVNFileNode::spotlightItemKind() const
@@ -363,10 +494,9 @@ QString KVNFileNode::spotlightItemKind() const
     }
     if (kind.isEmpty() || isTransient())
         return kind;
+    Extras &extras = const_cast<KVNFileNode *>(this)->extras();
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    if (!lazyAttrs_)
-        lazyAttrs_ = std::make_unique<LazyCache>();
-    lazyAttrs_->spotlightItemKind = kind;
+    extras.spotlightItemKind = kind;
     return kind;
 }
 
@@ -374,7 +504,7 @@ QString KVNFileNode::spotlightItemFSName() const
 {
     if (isRoot())
         return KVNPathBytes::displayString(KVNPathBytes::lastComponent(absolutePath()));
-    return KVNPathBytes::displayString(name_);
+    return KVNPathBytes::displayString(name());
 }
 
 std::optional<uint64_t> KVNFileNode::spotlightItemFSSize() const
@@ -408,9 +538,7 @@ void KVNFileNode::addObserver(const std::weak_ptr<KVNNodeObserver> &observer)
         firstObserver_ = observer;
         return;
     }
-    if (!observers_)
-        observers_ = std::make_unique<Observers>();
-    observers_->list.push_back(observer);
+    extras().moreObservers.push_back(observer);
 }
 
 void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
@@ -422,10 +550,10 @@ void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
         removed = first != nullptr;
         firstObserver_.reset();
     }
-    if (!observers_)
+    Extras *extras = extrasIfAny();
+    if (!extras)
         return;
-    auto &list = observers_->list;
-    std::erase_if(list, [&](const std::weak_ptr<KVNNodeObserver> &weak) {
+    std::erase_if(extras->moreObservers, [&](const std::weak_ptr<KVNNodeObserver> &weak) {
         auto locked = weak.lock();
         if (!locked)
             return true;
@@ -435,8 +563,6 @@ void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
         }
         return false;
     });
-    if (list.empty())
-        observers_.reset();
 }
 
 void KVNFileNode::notifyObservers(KVNNodeKey key)
@@ -446,8 +572,8 @@ void KVNFileNode::notifyObservers(KVNNodeKey key)
     {
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
         first = firstObserver_.lock();
-        if (observers_)
-            for (const auto &weak : observers_->list)
+        if (const Extras *extras = extrasIfAny())
+            for (const auto &weak : extras->moreObservers)
                 if (auto observer = weak.lock())
                     more.push_back(std::move(observer));
     }
@@ -475,7 +601,7 @@ KVNValue KVNFileNode::valueForKey(QStringView key) const
         return size ? KVNValue::fromInteger(int64_t(*size)) : KVNValue();
     }
     if (key == u"depthHint")
-        return KVNValue::fromInteger(depthHint_);
+        return KVNValue::fromInteger(depthHint());
     if (key == u"relativePath")
         return KVNValue::fromString(displayRelativePath());
     if (key == u"lowercaseRelativePath")

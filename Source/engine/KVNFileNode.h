@@ -2,6 +2,7 @@
 
 #include "KVNDiffResult.h"
 #include "KVNFileAttributes.h"
+#include "KVNRef.h"
 #include "KVNTinyLock.h"
 #include "KVNValue.h"
 
@@ -15,7 +16,7 @@
 #include <vector>
 
 class KVNFileNode;
-using KVNFileNodePtr = std::shared_ptr<KVNFileNode>;
+using KVNFileNodePtr = KVNRef<KVNFileNode>;
 
 // The two properties of a node that rows observe.
 enum class KVNNodeKey { DiffResult, FileAttrs };
@@ -27,18 +28,11 @@ public:
     virtual void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) = 0;
 };
 
-// The place of a directory, shared by all its children: a node keeps its own
-// name and this, not a private copy of its whole path, and still answers its
-// path after its parent node is gone.
-struct KVNNodeLocation {
-    std::shared_ptr<const QByteArray> basePath; // absolute, without a trailing slash ("" for "/")
-    QByteArray relativeDirectory;               // "." for the root's children, "./a/b" below
-    QByteArray lowercaseRelativeDirectory;
-    uint64_t lowercaseDirectoryHash = 0; // of lowercaseRelativeDirectory and "/", carried on by the children's names
-};
-
 // One scanned item of one side: a file, a symbolic link or a directory.
-class KVNFileNode : public KVNKeyValueCoding, public std::enable_shared_from_this<KVNFileNode> {
+// Nodes are counted in place and their names are stored behind them: one
+// allocation per item. A node reaches its path through its parents, whose
+// memory it keeps (a weak count) even after their use has ended.
+class KVNFileNode : public KVNKeyValueCoding, public KVNRefCounted<KVNFileNode> {
 public:
     static constexpr uint32_t KVNTransientDepthHint = 0xFFFFFFFFu;
 
@@ -51,15 +45,13 @@ public:
     // A one-off node for an absolute path, with attributes read from disk and no cache.
     static KVNFileNodePtr makeTransient(const QByteArray &absolutePath);
 
-    KVNFileNode(); // use the factories
-    ~KVNFileNode() override;
-
     // Structure
     void addChildNode(const KVNFileNodePtr &child);
     const std::vector<KVNFileNodePtr> &childNodes() const; // empty when none (nil)
-    bool hasChildNodes() const { return children_ != nullptr; }
-    KVNFileNodePtr parentNode() const { return parent_.lock(); }
-    uint32_t depthHint() const { return depthHint_; }
+    bool hasChildNodes() const;
+    // Nil once the parent is no longer in use.
+    KVNFileNodePtr parentNode() const;
+    uint32_t depthHint() const;
     bool isRoot() const { return flags_ & kRoot; }
     bool isTransient() const { return flags_ & kTransient; }
 
@@ -75,12 +67,19 @@ public:
     void notifyParentChangedDiffResult(const KVNFileNode &child);
 
     // Derived values
-    QByteArray name() const { return name_; } // raw bytes; empty on a root
+    QByteArray name() const { return QByteArray(nameData(), nameSize_); } // raw bytes; empty on a root
+    QByteArrayView nameView() const { return QByteArrayView(nameData(), nameSize_); }
+    const char *nameData() const
+    {
+        return reinterpret_cast<const char *>(this + 1);
+    } // stored behind the node, NUL-ended
     QByteArray absolutePath() const;
-    // The directory that holds the node, shared with its siblings, and its
-    // absolute path (on a root, the root's own).
-    const std::shared_ptr<const KVNNodeLocation> &location() const { return location_; }
+    // The absolute path of the directory that holds the node (on a root, the root's own).
     QByteArray directoryPath() const;
+    // The node of the containing directory as the scan made it, whether in use
+    // or not; null for a node that was not made under its directory's node.
+    // Siblings answer the same, and the address is not reused while it is held.
+    KVNWeakRef<KVNFileNode> directoryNode() const;
     QByteArray relativePath() const;
     QByteArray lowercaseRelativePath() const;
     // The pairing key's hash, and tests against a key, without making the key.
@@ -109,27 +108,34 @@ public:
     KVNValue valueForKey(QStringView key) const override;
 
 private:
-    enum Flags : uint8_t { kRoot = 1, kTransient = 2 };
-    struct LazyCache;
-    struct Children;
-    struct Observers;
+    friend class KVNRefCounted<KVNFileNode>;
+    enum Flags : uint8_t { kRoot = 1, kTransient = 2, kHasAttrs = 4, kHasSize = 8, kAnchored = 16 };
+    struct Extras;
 
+    static KVNFileNode *allocate(QByteArrayView name);
+    static void destroy(KVNFileNode *node);
+    KVNFileNode() = default;
+    ~KVNFileNode() override;
+    void dispose();
+    Extras *extrasIfAny() const { return extras_.load(std::memory_order_acquire); }
+    Extras &extras();
+    bool isAnchor() const { return flags_ & kAnchored; } // keeps its own location instead of deriving it
+    const KVNFileNode *anchor() const;
+    void appendRelativePath(QByteArray &path, bool lowercase) const;
     void notifyObservers(KVNNodeKey key);
-    std::shared_ptr<const KVNNodeLocation> childLocation();
     QString cachedKind() const;
 
-    std::weak_ptr<KVNFileNode> parent_;
-    std::shared_ptr<const KVNNodeLocation> location_;
-    QByteArray name_;
-    std::unique_ptr<Children> children_;           // guarded by the scan: only it adds children
+    const KVNFileNode *parent_ = nullptr;          // a weak count: the memory stays, the use may end
+    std::atomic<Extras *> extras_{nullptr};        // children, further observers, a cached kind, an anchor's location
     std::weak_ptr<KVNNodeObserver> firstObserver_; // guarded by a striped lock
-    std::unique_ptr<Observers> observers_;         // the others; guarded by a striped lock
-    mutable std::unique_ptr<LazyCache> lazyAttrs_; // guarded by a striped lock
-    KVNFileAttributes attrs_;                      // guarded by a striped lock
+    uint64_t fileSize_ = 0;                        // the attributes: guarded by a striped lock
+    int64_t modifiedSeconds_ = 0;
+    uint32_t modifiedNanoseconds_ = 0;
     std::atomic<int32_t> diffResult_{KVNDiffResultUnknown};
     std::atomic<uint32_t> crc32_{0};
-    uint32_t depthHint_ = 0;
     KVNTinyLock monitor_; // taken by setDiffResult; nests from child to parent
-    uint8_t flags_ = 0;
-    bool hasAttrs_ = false;
+    uint16_t nameSize_ = 0;
+    KVNFileType fileType_ = KVNFileType::Regular; // guarded like the attributes
+    uint8_t attrFlags_ = 0;                       // kHasAttrs, kHasSize: guarded like the attributes
+    uint8_t flags_ = 0;                           // fixed once the node is made
 };

@@ -6,7 +6,7 @@
 
 namespace {
 
-bool isAscii(const QByteArray &bytes)
+bool isAscii(QByteArrayView bytes)
 {
     for (char c : bytes)
         if (static_cast<unsigned char>(c) >= 0x80)
@@ -14,7 +14,7 @@ bool isAscii(const QByteArray &bytes)
     return true;
 }
 
-bool isValidUtf8(const QByteArray &bytes)
+bool isValidUtf8(QByteArrayView bytes)
 {
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     QString ignored = decoder.decode(bytes);
@@ -54,20 +54,25 @@ int utf8SequenceLength(const unsigned char *p, qsizetype remaining)
     return length;
 }
 
+char asciiLower(char c)
+{
+    return c >= 'A' && c <= 'Z' ? char(c + 32) : c;
+}
+
 } // namespace
 
-uint64_t KVNPathBytes::hashLowercaseName(uint64_t state, const QByteArray &name)
+uint64_t KVNPathBytes::hashLowercaseName(uint64_t state, QByteArrayView name)
 {
     if (!isAscii(name)) {
         const QByteArray lower = lowercaseName(name);
         return hashBytes(state, lower.constData(), lower.size());
     }
     for (char c : name)
-        state = (state ^ static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c + 32 : c)) * 0x100000001b3ull;
+        state = (state ^ static_cast<unsigned char>(asciiLower(c))) * 0x100000001b3ull;
     return state;
 }
 
-bool KVNPathBytes::lowercaseNameEquals(const QByteArray &name, const char *bytes, qsizetype size)
+bool KVNPathBytes::lowercaseNameEquals(QByteArrayView name, const char *bytes, qsizetype size)
 {
     if (!isAscii(name)) {
         const QByteArray lower = lowercaseName(name);
@@ -76,23 +81,32 @@ bool KVNPathBytes::lowercaseNameEquals(const QByteArray &name, const char *bytes
     if (name.size() != size)
         return false;
     for (qsizetype i = 0; i < size; ++i) {
-        const char c = name[i];
-        if ((c >= 'A' && c <= 'Z' ? c + 32 : c) != bytes[i])
+        if (asciiLower(name[i]) != bytes[i])
             return false;
     }
     return true;
 }
 
-QByteArray KVNPathBytes::lowercaseName(const QByteArray &name)
+bool KVNPathBytes::lowercaseNamesEqual(QByteArrayView a, QByteArrayView b)
 {
-    if (isAscii(name))
-        return name.toLower();
-    if (isValidUtf8(name))
+    if (!isAscii(a) || !isAscii(b))
+        return lowercaseName(a) == lowercaseName(b);
+    if (a.size() != b.size())
+        return false;
+    for (qsizetype i = 0; i < a.size(); ++i)
+        if (asciiLower(a[i]) != asciiLower(b[i]))
+            return false;
+    return true;
+}
+
+QByteArray KVNPathBytes::lowercaseName(QByteArrayView name)
+{
+    if (!isAscii(name) && isValidUtf8(name))
         return QString::fromUtf8(name).toLower().toUtf8();
-    QByteArray result = name;
+    // ASCII, or not text: only the ASCII letters change.
+    QByteArray result(name.data(), name.size());
     for (char &c : result)
-        if (c >= 'A' && c <= 'Z')
-            c = char(c - 'A' + 'a');
+        c = asciiLower(c);
     return result;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 
 #include <cstdint>
@@ -11,7 +12,7 @@ namespace KVNPathBytes {
 
 // Lower-cases one name: as Unicode when it is valid UTF-8, otherwise only its
 // ASCII letters, so that a name that is not text still pairs with itself.
-QByteArray lowercaseName(const QByteArray &name);
+QByteArray lowercaseName(QByteArrayView name);
 
 // Lower-cases a path component by component, with the same rule per component.
 QByteArray lowercasePath(const QByteArray &path);
@@ -36,8 +37,10 @@ inline uint64_t hashBytes(uint64_t state, const char *bytes, qsizetype size)
 }
 
 // hashBytes of lowercaseName(name), without making it when the name is ASCII.
-uint64_t hashLowercaseName(uint64_t state, const QByteArray &name);
+uint64_t hashLowercaseName(uint64_t state, QByteArrayView name);
 // Whether lowercaseName(name) equals the bytes given, with the same shortcut.
-bool lowercaseNameEquals(const QByteArray &name, const char *bytes, qsizetype size);
+bool lowercaseNameEquals(QByteArrayView name, const char *bytes, qsizetype size);
+// Whether two names lower-case to the same bytes.
+bool lowercaseNamesEqual(QByteArrayView a, QByteArrayView b);
 
 } // namespace KVNPathBytes

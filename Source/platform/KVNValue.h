@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KVNRef.h"
+
 #include <QString>
 #include <QStringView>
 
@@ -33,6 +35,13 @@ public:
     static KVNValue fromObject(std::shared_ptr<const KVNKeyValueCoding> v)
     {
         return v ? KVNValue(Storage(std::in_place_index<6>, std::move(v))) : KVNValue();
+    }
+    // An object held by an intrusive count: the value holds one count on it.
+    template <typename T> static KVNValue fromObject(const KVNRef<T> &v)
+    {
+        if (!v)
+            return KVNValue();
+        return fromObject(std::shared_ptr<const KVNKeyValueCoding>(v.get(), [held = v](const KVNKeyValueCoding *) {}));
     }
 
     Type type() const { return Type(storage_.index()); }
