@@ -139,6 +139,7 @@ void KVNCompareTreeOperation::main()
     auto fileBarrier = std::make_shared<KVNOperation>();
     auto dirBarrier = std::make_shared<KVNOperation>();
     std::vector<KVNOperationPtr> graph;
+    KVNOperationPtr feeder;
     auto leftTree = buildTreeOp1_ ? buildTreeOp1_->fileTree() : nullptr;
     auto rightTree = buildTreeOp2_ ? buildTreeOp2_->fileTree() : nullptr;
     if (leftTree && rightTree) {
@@ -157,7 +158,8 @@ void KVNCompareTreeOperation::main()
         auto dirFeeder = std::make_shared<PairFeeder>(run, true);
         dirFeeder->addDependency(fileBarrier);
         dirBarrier->addDependency(dirFeeder);
-        graph = {fileFeeder, fileBarrier, dirFeeder, dirBarrier};
+        graph = {fileBarrier, dirFeeder, dirBarrier};
+        feeder = fileFeeder;
     } else {
         graph = {fileBarrier, dirBarrier};
     }
@@ -168,5 +170,13 @@ void KVNCompareTreeOperation::main()
     final->addDependency(markSingle);
     graph.push_back(markSingle);
     graph.push_back(final);
+    // The feeder last: nothing can run before the whole graph is in the queue.
+    if (feeder)
+        graph.push_back(feeder);
     opQueue_->addOperations(graph);
+    // A cancel of the queue that came while the graph went in may have missed
+    // part of it; the graph is complete all the same, and cancelled as a whole.
+    if (isCancelled())
+        for (const auto &operation : graph)
+            operation->cancel();
 }
