@@ -348,20 +348,22 @@ void KVNDirCompDocument::mergeCancelWaitThread(std::function<void(KVNDirCompDocu
 {
     auto self = shared_from_this();
     std::thread([self, completion = std::move(completion)]() mutable {
-        std::lock_guard wait(self->cancelWaitLock_);
-        self->busyCancelling_ = true;
-        std::weak_ptr<KVNDirCompDocument> weakSelf = self;
-        KVNMainThread::post(self.get(), [weakSelf] {
-            if (auto doc = weakSelf.lock())
-                doc->setStatus(QStringLiteral("Cancelling operations%C"));
-        });
-        self->refreshOperationQueue_->cancelAllOperations();
-        self->refreshOperationQueue_->waitUntilAllOperationsAreFinished();
-        if (completion)
-            KVNMainThread::invokeAndWait([&] { completion(*self); });
-        self->busyCancelling_ = false;
-        // The last reference may go here; the document's teardown then waits on
-        // an empty queue, which is immediate.
+        {
+            std::lock_guard wait(self->cancelWaitLock_);
+            self->busyCancelling_ = true;
+            std::weak_ptr<KVNDirCompDocument> weakSelf = self;
+            KVNMainThread::post(self.get(), [weakSelf] {
+                if (auto doc = weakSelf.lock())
+                    doc->setStatus(QStringLiteral("Cancelling operations%C"));
+            });
+            self->refreshOperationQueue_->cancelAllOperations();
+            self->refreshOperationQueue_->waitUntilAllOperationsAreFinished();
+            if (completion)
+                KVNMainThread::invokeAndWait([&] { completion(*self); });
+            self->busyCancelling_ = false;
+        }
+        // The last reference may go here, so the lock (the document's) is let go
+        // first; the document's teardown then waits on an empty queue, which is immediate.
         KVNMainThread::post([keep = std::move(self)] {});
     }).detach();
 }
