@@ -1,11 +1,17 @@
 // ctest-label: concurrency
 // Whole comparisons of real trees: what every node and row ends with, the
 // default merge directions, and the order of the rows.
+#include "KVNCompareDirOperation.h"
+#include "KVNCompareFileOperation.h"
+#include "KVNCompareTreeOperation.h"
 #include "KVNDiffResult.h"
 #include "KVNMergeDirection.h"
 #include "KVNTestTree.h"
 
 #include <QTest>
+
+#include <atomic>
+#include <mutex>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -24,6 +30,145 @@ QString describe(const KVNDirDiffTableElementPtr &row)
            QString::fromLatin1(KVNMergeDirectionWord(row->mergeDirection()));
 }
 
+// Two trees of a few hundred pairs and what each node must end with after the
+// second stage alone (no status refresh). Directories get 2 or 1 from the pairs
+// below them, which only holds if every file pair was decided first; a single
+// marked afterwards turns a 2 above it into 5, and a 5 climbs.
+struct WindowTrees {
+    KVNTestTree left, right;
+    std::map<QByteArray, int32_t> leftExpected, rightExpected; // by relative path
+    int filePairs = 0, dirPairs = 0;
+
+    WindowTrees()
+    {
+        for (int d = 0; d < 24; ++d) {
+            const QByteArray dir = "d" + QByteArray::number(d);
+            const QByteArray sub = d % 5 == 0 ? "/sub" : "";
+            bool differs = false, leftSingle = false, rightSingle = false;
+            for (int f = 0; f < 20; ++f) {
+                const QByteArray path = dir + sub + "/f" + QByteArray::number(f);
+                char kind = '=';
+                if (d % 4 == 1 || d % 4 == 2)
+                    kind = f % 7 == 3 ? '~' : kind;
+                if (d % 4 == 2 || d % 4 == 3)
+                    kind = f % 9 == 4 ? '<' : kind;
+                if (d % 4 == 2)
+                    kind = f % 13 == 6 ? '>' : kind;
+                KVNFillTrees(left, right, {kind + path});
+                if (kind == '<' || kind == '>') {
+                    (kind == '<' ? leftExpected : rightExpected)[path] = KVNDiffResultSingle;
+                    (kind == '<' ? leftSingle : rightSingle) = true;
+                    continue;
+                }
+                differs = differs || kind == '~';
+                leftExpected[path] = rightExpected[path] = kind == '~' ? KVNDiffResultDiffer : KVNDiffResultSame;
+                ++filePairs;
+            }
+            const auto result = [differs](bool single) {
+                return !differs ? KVNDiffResultSame : single ? KVNDiffResultDifferSingle : KVNDiffResultDiffer;
+            };
+            QList<QByteArray> dirs{dir};
+            if (!sub.isEmpty())
+                dirs << dir + sub;
+            for (const QByteArray &path : dirs) {
+                leftExpected[path] = result(leftSingle);
+                rightExpected[path] = result(rightSingle);
+                ++dirPairs;
+            }
+        }
+    }
+};
+
+// The scans and the second stage of a comparison, run by hand on a queue of
+// its own with a small window, watching what the queue goes through.
+class WindowedRun {
+public:
+    struct Delegate : KVNFinalOperationDelegate {
+        std::atomic<int> calls{0};
+        void completedFinalOperation(KVNFinalOperation *) override { ++calls; }
+    };
+    std::shared_ptr<Delegate> delegate = std::make_shared<Delegate>();
+    KVNBuildTreeFastOperationPtr left, right;
+    std::shared_ptr<KVNCompareTreeOperation> tree;
+    std::atomic<int> fileOperations{0}, dirOperations{0};
+    std::function<void(KVNOperationQueue &, int)> onFileOperation; // with the count of those started
+    std::mutex mutex;
+    std::size_t mostLive = 0;            // the queue's count as compare operations start
+    std::atomic<int> starts{0}, ends{0}; // of the queue's count, from and to zero
+    QString seen;                        // every change told, under the mutex
+    KVNOperationQueue queue;             // last: it goes first, waiting for its workers
+
+    WindowedRun(const WindowTrees &trees, std::size_t window, int width)
+    {
+        queue.setMaxConcurrentOperationCount(width);
+        queue.setOperationCountObserver([this](std::size_t now, std::size_t old) {
+            std::lock_guard lock(mutex);
+            starts += old == 0 && now > 0;
+            ends += now == 0;
+            seen += QStringLiteral(" %1<-%2").arg(now).arg(old);
+        });
+        queue.setOperationRunObserver([this](const KVNOperation &operation, bool started) {
+            if (!started)
+                return;
+            const bool file = dynamic_cast<const KVNCompareFileOperation *>(&operation);
+            if (!file && !dynamic_cast<const KVNCompareDirOperation *>(&operation))
+                return;
+            {
+                std::lock_guard lock(mutex);
+                mostLive = std::max(mostLive, queue.operationCount());
+            }
+            if (!file)
+                ++dirOperations;
+            else if (const int started = ++fileOperations; onFileOperation)
+                onFileOperation(queue, started);
+        });
+        left = KVNBuildTreeFastOperation::make(trees.left.root());
+        right = KVNBuildTreeFastOperation::make(trees.right.root());
+        tree = std::make_shared<KVNCompareTreeOperation>(left, right, &queue, delegate);
+        tree->setWindow(window);
+        tree->addDependency(left);
+        tree->addDependency(right);
+    }
+
+    QString history()
+    {
+        std::lock_guard lock(mutex);
+        return seen;
+    }
+
+    void run()
+    {
+        queue.addOperations({tree, left, right}); // waiting first: the count cannot touch zero in between
+        queue.waitUntilAllOperationsAreFinished();
+        QCoreApplication::processEvents(); // the final report, if any, is posted
+    }
+
+    // Every node of one side whose result is not the expected one, as "path: got".
+    static QStringList mismatches(const KVNBuildTreeFastOperationPtr &scan,
+                                  const std::map<QByteArray, int32_t> &expected)
+    {
+        QStringList wrong;
+        for (const KVNFileNodePtr &node : *scan->fileTree()->relativeLookupDict()) {
+            QByteArray path = node->relativePath();
+            if (path.startsWith("./"))
+                path = path.mid(2);
+            const auto it = expected.find(path);
+            const int32_t want = it == expected.end() ? -1 : it->second;
+            if (node->diffResult() != want)
+                wrong << QString::fromUtf8(path + ": " + QByteArray::number(node->diffResult()));
+        }
+        return wrong;
+    }
+    // How many nodes of one side carry a result.
+    static int decided(const KVNBuildTreeFastOperationPtr &scan)
+    {
+        int count = 0;
+        for (const KVNFileNodePtr &node : *scan->fileTree()->relativeLookupDict())
+            count += node->diffResult() != KVNDiffResultUnknown;
+        return count;
+    }
+};
+
 } // namespace
 
 class TestComparePipeline : public QObject {
@@ -40,6 +185,10 @@ private slots:
     void orderNamesAndLinks();
     void deepAndWideTrees();
     void unreadableItemsForAnotherUser();
+    void windowedRunDecidesEveryPair_data();
+    void windowedRunDecidesEveryPair();
+    void cancelWhileFeedingEndsTheRun_data();
+    void cancelWhileFeedingEndsTheRun();
 };
 
 void TestComparePipeline::initTestCase()
@@ -245,6 +394,85 @@ void TestComparePipeline::unreadableItemsForAnotherUser()
     // A file that cannot be opened leaves the pair undecided, and both sides end single.
     QCOMPARE(rows.value("./secret"), "3 3 3 1");
     QCOMPARE(rows.value("./open"), "1 1 1 2");
+}
+
+void TestComparePipeline::windowedRunDecidesEveryPair_data()
+{
+    QTest::addColumn<int>("window");
+    QTest::addColumn<int>("width");
+    QTest::newRow("window 1, one worker") << 1 << 1;
+    QTest::newRow("window 7, four workers") << 7 << 4;
+    QTest::newRow("window 64, two workers") << 64 << 2;
+    QTest::newRow("one window for all") << 100000 << 4;
+}
+
+void TestComparePipeline::windowedRunDecidesEveryPair()
+{
+    QFETCH(int, window);
+    QFETCH(int, width);
+    static const WindowTrees trees;
+    WindowedRun run(trees, std::size_t(window), width);
+    run.run();
+    // Every pair decided, files before directories (a directory that looked
+    // early would miss a difference below it), singles marked last.
+    const QStringList wrongLeft = WindowedRun::mismatches(run.left, trees.leftExpected);
+    QVERIFY2(wrongLeft.isEmpty(), qPrintable(wrongLeft.join(", ")));
+    const QStringList wrongRight = WindowedRun::mismatches(run.right, trees.rightExpected);
+    QVERIFY2(wrongRight.isEmpty(), qPrintable(wrongRight.join(", ")));
+    QCOMPARE(run.fileOperations.load(), trees.filePairs);
+    QCOMPARE(run.dirOperations.load(), trees.dirPairs);
+    QCOMPARE(run.tree->filePairCount(), std::size_t(trees.filePairs));
+    QCOMPARE(run.tree->dirPairCount(), std::size_t(trees.dirPairs));
+    QTRY_COMPARE(run.delegate->calls.load(), 1);
+    // The queue held about a window of compare operations at a time, and its
+    // count never fell to zero before the end.
+    if (window < trees.filePairs)
+        QVERIFY2(run.mostLive <= std::size_t(2 * window + width + 10), qPrintable(QString::number(run.mostLive)));
+    QTRY_COMPARE(run.ends.load(), 1); // told just after the wait returns
+    QVERIFY2(run.starts == 1, qPrintable(run.history()));
+    QCOMPARE(run.queue.operationCount(), std::size_t(0));
+}
+
+void TestComparePipeline::cancelWhileFeedingEndsTheRun_data()
+{
+    QTest::addColumn<int>("cancelAt"); // the compare operation whose start cancels
+    QTest::addColumn<int>("width");
+    for (int at : {1, 5, 6, 40, 133})
+        for (int width : {1, 3})
+            QTest::addRow("at %d, width %d", at, width) << at << width;
+}
+
+void TestComparePipeline::cancelWhileFeedingEndsTheRun()
+{
+    QFETCH(int, cancelAt);
+    QFETCH(int, width);
+    static const WindowTrees trees;
+    constexpr int window = 5;
+    WindowedRun run(trees, window, width);
+    std::atomic<int> startedByCancel{0}; // compare operations started once the cancel had returned
+    run.onFileOperation = [&, cancelAt](KVNOperationQueue &queue, int started) {
+        if (started != cancelAt)
+            return;
+        queue.cancelAllOperations(); // from a worker, while feeders come and go
+        startedByCancel = run.fileOperations.load();
+    };
+    run.run();
+    // Only what had started before the cancel ran a body (the one that
+    // cancelled saw its flag first), and nothing queued later slipped through.
+    const int decided = WindowedRun::decided(run.left);
+    QVERIFY(startedByCancel >= cancelAt);
+    QVERIFY2(decided < startedByCancel, qPrintable(QStringLiteral("%1 of %2").arg(decided).arg(startedByCancel)));
+    QCOMPARE(WindowedRun::decided(run.right), decided);
+    // Feeding stopped: far fewer pairs were queued than there are, no directory
+    // pair was looked at, and the marking of singles and the final report were skipped.
+    QVERIFY(run.tree->filePairCount() <= std::size_t(startedByCancel + 2 * window + width));
+    QCOMPARE(run.tree->dirPairCount(), std::size_t(0));
+    QCOMPARE(run.dirOperations.load(), 0);
+    QCoreApplication::processEvents();
+    QCOMPARE(run.delegate->calls.load(), 0);
+    QTRY_COMPARE(run.ends.load(), 1); // told just after the wait returns
+    QVERIFY2(run.starts == 1, qPrintable(run.history()));
+    QCOMPARE(run.queue.operationCount(), std::size_t(0));
 }
 
 QTEST_GUILESS_MAIN(TestComparePipeline)

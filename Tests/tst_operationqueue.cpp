@@ -298,6 +298,113 @@ private slots:
         QCOMPARE(queue.operationCount(), std::size_t(0));
     }
 
+    void barrierGainsDependenciesWhileItWaits()
+    {
+        // A feeder queues a window of work and the next feeder behind it; the
+        // barrier, queued from the start, gains both while the feeder runs.
+        constexpr int windows = 30, perWindow = 100;
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(4);
+        std::atomic<int> done{0}, refused{0}, barrierSaw{-1};
+        std::atomic<int> mostPinned{0}; // finished work still alive, seen by each feeder
+        std::mutex mutex;
+        std::vector<std::weak_ptr<KVNOperation>> made;
+        auto barrier = op([&] { barrierSaw = done.load(); });
+        std::function<void(int)> feed = [&](int window) {
+            std::vector<KVNOperationPtr> batch;
+            for (int i = 0; i < perWindow; ++i) {
+                batch.push_back(op([&] { ++done; }));
+                refused += !barrier->addDependency(batch.back());
+            }
+            int pinned = 0;
+            {
+                std::lock_guard lock(mutex);
+                for (const auto &weak : made)
+                    if (auto operation = weak.lock())
+                        pinned += operation->isFinished();
+                made.insert(made.end(), batch.begin(), batch.end());
+            }
+            mostPinned = std::max(mostPinned.load(), pinned);
+            queue.addOperations(batch);
+            if (window + 1 < windows) {
+                auto next = op([&feed, window] { feed(window + 1); });
+                refused += !barrier->addDependency(next);
+                queue.addOperation(next);
+            }
+        };
+        auto first = op([&] { feed(0); });
+        barrier->addDependency(first);
+        queue.addOperations({first, barrier});
+        queue.waitUntilAllOperationsAreFinished();
+        QCOMPARE(refused.load(), 0);
+        QCOMPARE(barrierSaw.load(), windows * perWindow);
+        // A barrier behind a long stream lets go of what has finished: what it
+        // holds stays near one window, not the whole stream.
+        QVERIFY2(mostPinned < 4 * perWindow, qPrintable(QString::number(mostPinned.load())));
+        QVERIFY(barrier->dependencies().empty());
+        first.reset();
+        // Workers drop their last reference just after the count falls.
+        QTRY_VERIFY(std::all_of(made.begin(), made.end(), [](const auto &weak) { return weak.expired(); }));
+    }
+
+    void lateDependencyIsRefused()
+    {
+        KVNOperationQueue queue;
+        queue.setMaxConcurrentOperationCount(1);
+        std::latch group(1);
+        auto busy = std::make_shared<Probe>(group, true);
+        std::atomic<bool> lateRan{false}, readyRan{false};
+        auto late = op([&] { lateRan = true; });
+        auto ready = op([&] { readyRan = true; });
+        queue.addOperation(busy);
+        busy->started.waitFor();
+        queue.addOperation(ready); // ready, behind the busy worker
+        QVERIFY(!ready->addDependency(late));
+        QVERIFY(ready->dependencies().empty());
+        QVERIFY(!ready->addDependency(nullptr) && !ready->addDependency(ready));
+        group.count_down();
+        ready->waitUntilFinished();
+        QVERIFY(readyRan && !lateRan);        // it did not wait for what was refused
+        QVERIFY(!ready->addDependency(late)); // nor does a finished one take any
+        queue.addOperation(late);
+        queue.waitUntilAllOperationsAreFinished();
+        QVERIFY(lateRan);
+        // Before its queue, and with an unfinished dependency in it, an operation takes more.
+        auto gate = op([] {});
+        auto dependant = op([] {});
+        QVERIFY(dependant->addDependency(gate));
+        queue.addOperation(dependant);
+        QVERIFY(dependant->addDependency(late)); // finished: recorded, nothing to wait for
+        QCOMPARE(dependant->dependencies().size(), std::size_t(2));
+        QVERIFY(!dependant->isFinished());
+        queue.addOperation(gate);
+        queue.waitUntilAllOperationsAreFinished();
+        QVERIFY(dependant->isFinished() && dependant->dependencies().empty());
+    }
+
+    void queueGoneBeforeItsWaitingOperation()
+    {
+        // A queue dropped by its own worker leaves behind an operation that
+        // waits on another queue; when that one finishes, the first queue's
+        // state must not be reached for any more.
+        KVNOperationQueue other;
+        std::latch group(1);
+        auto holder = std::make_shared<Probe>(group, true);
+        other.addOperation(holder);
+        holder->started.waitFor();
+        auto waiting = op([] {});
+        waiting->addDependency(holder);
+        auto queue = std::make_shared<KVNOperationQueue>();
+        std::weak_ptr<KVNOperationQueue> weakQueue = queue;
+        queue->addOperation(waiting);
+        queue->addOperation(op([&queue] { queue.reset(); }));
+        QTRY_VERIFY(weakQueue.expired());
+        std::this_thread::sleep_for(50ms); // its workers let go of the state
+        group.count_down();
+        other.waitUntilAllOperationsAreFinished();
+        QVERIFY(waiting->isCancelled()); // and nothing touched a state that is gone (the sanitizer build says)
+    }
+
     void widthBoundsConcurrency_data()
     {
         QTest::addColumn<int>("width");

@@ -10,7 +10,7 @@ KVNCompareDirOperation::createDirCompareOps(const std::vector<KVNCompareDirWorkI
     std::vector<KVNOperationPtr> operations;
     operations.reserve(workItems.size());
     for (const auto &item : workItems)
-        operations.push_back(std::make_shared<KVNCompareDirOperation>(std::vector<KVNCompareDirWorkItem>{item}));
+        operations.push_back(std::make_shared<KVNCompareDirOperation>(KVNComparePairOf(item)));
     return operations;
 }
 

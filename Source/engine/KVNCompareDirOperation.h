@@ -3,8 +3,6 @@
 #include "KVNCompareWorkItems.h"
 #include "KVNOperation.h"
 
-#include <QVarLengthArray>
-
 #include <vector>
 
 // Gives a directory pair a first result from what has been decided below it.
@@ -12,6 +10,7 @@
 class KVNCompareDirOperation : public KVNOperation {
 public:
     explicit KVNCompareDirOperation(std::vector<KVNCompareDirWorkItem> workItems);
+    explicit KVNCompareDirOperation(KVNCompareDirPair pair) : workItems_(std::move(pair)) {}
     static std::vector<KVNOperationPtr> createDirCompareOps(const std::vector<KVNCompareDirWorkItem> &workItems);
 
     // A result for the node, from its children; writes nothing.
@@ -23,5 +22,5 @@ protected:
 
 private:
     // One item in every use: kept inline, one allocation fewer per pair.
-    QVarLengthArray<KVNCompareDirWorkItem, 1> workItems_;
+    KVNCompareItemList<KVNCompareDirPair> workItems_;
 };

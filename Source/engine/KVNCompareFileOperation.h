@@ -3,8 +3,6 @@
 #include "KVNCompareWorkItems.h"
 #include "KVNOperation.h"
 
-#include <QVarLengthArray>
-
 #include <atomic>
 #include <memory>
 #include <vector>
@@ -17,6 +15,8 @@ public:
     static constexpr int kBlockSize = 4096;
 
     explicit KVNCompareFileOperation(std::vector<KVNCompareFileWorkItem> workItems);
+    // One pair, without the list a vector of items would cost.
+    explicit KVNCompareFileOperation(KVNCompareFilePair pair) : workItems_(std::move(pair)) {}
     static std::vector<KVNOperationPtr> createFileCompareOps(const std::vector<KVNCompareFileWorkItem> &workItems);
 
     void cancel() override;
@@ -37,6 +37,6 @@ private:
     int32_t compareReaders(BlockReader left, BlockReader right);
 
     // One item in every use: kept inline, one allocation fewer per pair.
-    QVarLengthArray<KVNCompareFileWorkItem, 1> workItems_;
+    KVNCompareItemList<KVNCompareFilePair> workItems_;
     std::atomic<unsigned char> cancelFlag_{0};
 };

@@ -2,6 +2,8 @@
 
 #include "KVNOperationQueueState.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace {
@@ -38,24 +40,48 @@ void KVNOperation::runIdleWork()
 KVNOperation::KVNOperation() = default;
 KVNOperation::~KVNOperation() = default;
 
-void KVNOperation::addDependency(const std::shared_ptr<KVNOperation> &operation)
+KVNOperation::Links &KVNOperation::links()
+{
+    if (!links_)
+        links_ = std::make_unique<Links>();
+    return *links_;
+}
+
+bool KVNOperation::addDependency(const std::shared_ptr<KVNOperation> &operation)
 {
     if (!operation || operation.get() == this)
-        return;
-    // The dependency's lock first: its finish cannot slip between the test and
-    // the registration.
-    std::scoped_lock lock(operation->lock_, lock_);
-    dependencies_.push_back(operation);
-    if (operation->isFinished())
-        return;
-    operation->dependants_.push_back(weak_from_this());
-    ++pendingDependencies_;
+        return false;
+    std::vector<std::shared_ptr<KVNOperation>> released; // let go of outside the locks
+    {
+        // The dependency's lock too: its finish cannot slip between the test
+        // and the registration.
+        std::scoped_lock lock(operation->lock_, lock_);
+        if (enqueued_ || isFinished())
+            return false;
+        Links &own = links();
+        own.dependencies.push_back(operation);
+        if (own.dependencies.size() >= own.pruneAt) {
+            auto firstFinished = std::partition(own.dependencies.begin(), own.dependencies.end(),
+                                                [](const auto &dependency) { return !dependency->isFinished(); });
+            released.assign(std::make_move_iterator(firstFinished), std::make_move_iterator(own.dependencies.end()));
+            own.dependencies.erase(firstFinished, own.dependencies.end());
+            own.pruneAt = std::max<std::size_t>(64, 2 * own.dependencies.size());
+        }
+        if (!operation->isFinished()) {
+            if (operation->firstDependant_.expired())
+                operation->firstDependant_ = weak_from_this();
+            else
+                operation->links().moreDependants.push_back(weak_from_this());
+            ++pendingDependencies_;
+        }
+    }
+    return true;
 }
 
 std::vector<std::shared_ptr<KVNOperation>> KVNOperation::dependencies() const
 {
     std::lock_guard lock(lock_);
-    return dependencies_;
+    return links_ ? links_->dependencies : std::vector<std::shared_ptr<KVNOperation>>();
 }
 
 void KVNOperation::cancel()
@@ -68,7 +94,7 @@ void KVNOperation::waitUntilFinished()
     finished_.wait(false, std::memory_order_acquire);
 }
 
-bool KVNOperation::attachToQueue(const std::shared_ptr<KVNOperationQueueState> &queue)
+bool KVNOperation::attachToQueue(KVNOperationQueueState *queue)
 {
     std::lock_guard lock(lock_);
     queue_ = queue;
@@ -79,17 +105,22 @@ bool KVNOperation::attachToQueue(const std::shared_ptr<KVNOperationQueueState> &
     return false;
 }
 
+void KVNOperation::detachFromQueue(KVNOperationQueueState *queue)
+{
+    std::lock_guard lock(lock_);
+    if (queue_ == queue)
+        queue_ = nullptr;
+}
+
 void KVNOperation::dependencyFinished()
 {
-    std::shared_ptr<KVNOperationQueueState> queue;
-    {
-        std::lock_guard lock(lock_);
-        if (--pendingDependencies_ > 0 || enqueued_ || !queue_)
-            return;
-        enqueued_ = true;
-        queue = queue_;
-    }
-    queue->makeReady(shared_from_this());
+    // The queue is told under the lock: a state that goes away clears queue_
+    // under it first, so the pointer cannot dangle here.
+    std::lock_guard lock(lock_);
+    if (--pendingDependencies_ > 0 || enqueued_ || !queue_)
+        return;
+    enqueued_ = true;
+    queue_->makeReady(shared_from_this());
 }
 
 void KVNOperation::run()
@@ -102,16 +133,22 @@ void KVNOperation::run()
 
 void KVNOperation::finish()
 {
-    std::vector<std::weak_ptr<KVNOperation>> dependants;
+    std::weak_ptr<KVNOperation> first;
+    std::unique_ptr<Links> links;
     {
         std::lock_guard lock(lock_);
         executing_.store(false, std::memory_order_release);
         finished_.store(true, std::memory_order_release);
-        dependants.swap(dependants_);
-        queue_.reset();
+        first.swap(firstDependant_);
+        links.swap(links_);
+        queue_ = nullptr;
     }
     finished_.notify_all();
-    for (auto &weak : dependants)
-        if (auto dependant = weak.lock())
-            dependant->dependencyFinished();
+    if (auto dependant = first.lock())
+        dependant->dependencyFinished();
+    if (links)
+        for (auto &weak : links->moreDependants)
+            if (auto dependant = weak.lock())
+                dependant->dependencyFinished();
+    // The dependencies go with links: a finished operation pins nothing.
 }

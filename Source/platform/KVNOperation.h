@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -23,8 +24,17 @@ public:
     KVNOperation(const KVNOperation &) = delete;
     KVNOperation &operator=(const KVNOperation &) = delete;
 
-    // Dependencies are added before the operation is added to a queue.
-    void addDependency(const std::shared_ptr<KVNOperation> &operation);
+    // Dependencies are added before the operation is added to a queue, or later
+    // while one of its dependencies is known not to have finished (typically
+    // from inside that dependency's body): an operation with an unfinished
+    // dependency cannot have become ready, so a graph may grow while it runs.
+    // Answers false, and adds nothing, once the operation has become ready (or
+    // has run): the rule was broken and the dependency would not hold.
+    bool addDependency(const std::shared_ptr<KVNOperation> &operation);
+    // What the operation holds of its dependencies: every one added, until the
+    // operation has finished; then nothing, so that a finished graph pins
+    // nothing. An operation with many dependencies lets go of finished ones as
+    // it gains more, so a barrier behind a long stream of work stays small.
     std::vector<std::shared_ptr<KVNOperation>> dependencies() const;
 
     virtual void cancel();
@@ -52,21 +62,33 @@ private:
     void run();
     void finish();
     // Called with the operation's queue state; answers whether it is ready now.
-    bool attachToQueue(const std::shared_ptr<KVNOperationQueueState> &queue);
+    bool attachToQueue(KVNOperationQueueState *queue);
+    void detachFromQueue(KVNOperationQueueState *queue); // by a state that goes away first
     void dependencyFinished();
 
-    // A pipeline holds one operation per pair, so the state is kept small: a
-    // four-byte lock, and waiting on the finished flag itself.
+    // What most operations never need: a second dependant, any dependency.
+    struct Links {
+        std::vector<std::weak_ptr<KVNOperation>> moreDependants;
+        std::vector<std::shared_ptr<KVNOperation>> dependencies;
+        std::size_t pruneAt = 64;
+    };
+    Links &links(); // with lock_ held
+
+    // A pipeline may hold thousands of operations at once, so the state is
+    // small: a four-byte lock, waiting on the finished flag itself, one
+    // dependant inline and the rest only when there are any.
     mutable KVNTinyLock lock_;
-    std::vector<std::shared_ptr<KVNOperation>> dependencies_;
-    std::vector<std::weak_ptr<KVNOperation>> dependants_;
-    std::shared_ptr<KVNOperationQueueState> queue_;
-    std::size_t queueSlot_ = 0; // the queue's, under its lock: 0 outside a queue, else index + 1
     int pendingDependencies_ = 0;
+    // Raw: a state clears it before it goes (detachFromQueue), and an
+    // operation clears it once it has finished.
+    KVNOperationQueueState *queue_ = nullptr;
+    uint32_t queueSlot_ = 0; // the queue's, under its lock: 0 outside a queue, else index + 1
     bool enqueued_ = false;
     std::atomic<bool> executing_{false};
     std::atomic<bool> finished_{false};
     std::atomic<bool> cancelled_{false};
+    std::weak_ptr<KVNOperation> firstDependant_;
+    std::unique_ptr<Links> links_;
 };
 
 using KVNOperationPtr = std::shared_ptr<KVNOperation>;

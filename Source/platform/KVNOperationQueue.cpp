@@ -26,12 +26,21 @@ void KVNOperationQueueState::add(const KVNOperationPtr &operation)
         if (operation->queueSlot_ != 0)
             return;
         all.push_back(operation);
-        operation->queueSlot_ = all.size();
+        operation->queueSlot_ = uint32_t(all.size());
         ++liveCount;
         recordCountChange(liveCount, liveCount - 1);
     }
-    if (operation->attachToQueue(shared_from_this()))
+    if (operation->attachToQueue(this))
         makeReady(operation);
+}
+
+KVNOperationQueueState::~KVNOperationQueueState()
+{
+    // Only a queue destroyed from its own worker leaves operations behind:
+    // those waiting on work elsewhere must not reach for this state later.
+    for (const auto &operation : all)
+        if (operation)
+            operation->detachFromQueue(this);
 }
 
 void KVNOperationQueueState::makeReady(const KVNOperationPtr &operation)
@@ -72,7 +81,7 @@ void KVNOperationQueueState::removeFinished(KVNOperation *operation)
             if (++removedSinceCompaction > 1024 && removedSinceCompaction > liveCount) {
                 std::erase(all, nullptr);
                 for (std::size_t i = 0; i < all.size(); ++i)
-                    all[i]->queueSlot_ = i + 1;
+                    all[i]->queueSlot_ = uint32_t(i + 1);
                 removedSinceCompaction = 0;
             }
         }

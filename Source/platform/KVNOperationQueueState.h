@@ -13,6 +13,7 @@
 // The part of a queue that its worker threads and its operations share; it
 // outlives the queue object while a worker still holds it.
 struct KVNOperationQueueState : std::enable_shared_from_this<KVNOperationQueueState> {
+    ~KVNOperationQueueState(); // operations still waiting forget it
     mutable std::mutex mutex;
     std::condition_variable workCv;
     std::condition_variable idleCv;
