@@ -348,7 +348,8 @@ void KVNDirCompDocument::mergeCancelWaitThread(std::function<void(KVNDirCompDocu
 {
     auto self = shared_from_this();
     std::thread([self, completion = std::move(completion)]() mutable {
-        std::lock_guard wait(self->cancelWaitLock_);
+        // The lock goes before the last reference can: it lives in the document.
+        std::unique_lock wait(self->cancelWaitLock_);
         self->busyCancelling_ = true;
         std::weak_ptr<KVNDirCompDocument> weakSelf = self;
         KVNMainThread::post(self.get(), [weakSelf] {
@@ -360,6 +361,7 @@ void KVNDirCompDocument::mergeCancelWaitThread(std::function<void(KVNDirCompDocu
         if (completion)
             KVNMainThread::invokeAndWait([&] { completion(*self); });
         self->busyCancelling_ = false;
+        wait.unlock();
         // The last reference may go here; the document's teardown then waits on
         // an empty queue, which is immediate.
         KVNMainThread::post([keep = std::move(self)] {});
