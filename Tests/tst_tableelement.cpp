@@ -212,6 +212,68 @@ private slots:
         QVERIFY(!KVNDirDiffTableElement::make(nullptr, nullptr)->isDirectory());
     }
 
+    void ownershipOfCountedRows()
+    {
+        // A parent held only weakly goes with its last strong reference; the
+        // child answers nil from then on and keeps working.
+        auto child = fileRow("./d/f");
+        auto dir = directoryRow("./d", {child});
+        QCOMPARE(child->parentElement(), dir);
+        dir.reset();
+        QVERIFY(!child->parentElement());
+        child->setMergeDirection(KVNMergeDirectionRight);
+        QCOMPARE(child->mergeDirection(), uint64_t(KVNMergeDirectionRight));
+
+        // A node that outlives its row tells nobody: the row is gone from its observers.
+        auto left = node("./g");
+        auto right = node("./g");
+        {
+            auto row = KVNDirDiffTableElement::make(left, right);
+            left->setDiffResult(KVNDiffResultSingle);
+            QCOMPARE(row->mergeDirection(), uint64_t(KVNMergeDirectionRight));
+        }
+        left->setDiffResult(KVNDiffResultDiffer);
+        right->setDiffResult(KVNDiffResultDiffer);
+
+        // Copies, moves and comparisons keep one object and count it right.
+        auto a = fileRow("./a");
+        KVNDirDiffTableElementPtr b = a;
+        KVNDirDiffTableElementPtr c = std::move(b);
+        QVERIFY(!b && c == a && std::hash<KVNDirDiffTableElementPtr>()(c) == std::hash<KVNDirDiffTableElementPtr>()(a));
+        c = nullptr;
+        QVERIFY(a && a->relativePath() == "./a");
+    }
+
+    void parentsGoWhileChildrenClimb()
+    {
+        // Threads climb from children to a directory while the last strong
+        // reference to that directory goes: each climb sees it whole or not at all.
+        for (int round = 0; round < 50; ++round) {
+            std::vector<KVNDirDiffTableElementPtr> children;
+            for (int i = 0; i < 8; ++i)
+                children.push_back(fileRow("./d/" + QByteArray::number(i)));
+            auto dir = directoryRow("./d", children);
+            std::atomic<bool> go{false};
+            std::vector<std::thread> threads;
+            for (const auto &child : children)
+                threads.emplace_back([child, &go] {
+                    while (!go.load())
+                        std::this_thread::yield();
+                    for (int i = 0; i < 200; ++i) {
+                        child->setMergeDirection(uint64_t(i % 3));
+                        if (auto parent = child->parentElement())
+                            QVERIFY(parent->isDirectory());
+                    }
+                });
+            go = true;
+            dir.reset();
+            for (auto &thread : threads)
+                thread.join();
+            for (const auto &child : children)
+                QVERIFY(!child->parentElement());
+        }
+    }
+
     void batcherGrowsWithTheTable()
     {
         struct Counter : KVNNSArrayBatcherDelegate {

@@ -62,6 +62,13 @@ void KVNArrayController::setContent(std::vector<KVNDirDiffTableElementPtr> conte
     rearrangeLocked();
 }
 
+void KVNArrayController::compact()
+{
+    std::lock_guard lock(mutex_);
+    content_.shrink_to_fit();
+    arranged_.shrink_to_fit();
+}
+
 void KVNArrayController::setFilterPredicate(const KVNPredicatePtr &predicate)
 {
     std::lock_guard lock(mutex_);

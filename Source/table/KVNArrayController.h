@@ -18,6 +18,8 @@ public:
     void removeObject(const KVNDirDiffTableElementPtr &object);
     void removeObjectsAtArrangedObjectIndexes(const std::vector<std::size_t> &indexes);
     void setContent(std::vector<KVNDirDiffTableElementPtr> content);
+    // Gives back the room the lists grew by; for the end of a build.
+    void compact();
 
     void setFilterPredicate(const KVNPredicatePtr &predicate); // rearranges
     KVNPredicatePtr filterPredicate() const;

@@ -25,6 +25,8 @@ void KVNBuildTableOperation::main()
                           rightTree ? rightTree->fileTreeRoot() : nullptr, 0, nullptr);
     // Also after a cancel, so that what was built is in the controller.
     arrayBatcher_.flushQueue();
+    if (arrayController_)
+        arrayController_->compact();
     if (delegate_)
         delegate_->buildTableOperation(this, nullptr);
 }
@@ -82,6 +84,8 @@ void KVNBuildTableOperation::addChildrenOfLeftNode(const KVNFileNodePtr &leftNod
         if (isCancelled())
             break;
     }
+    if (parentTableElement)
+        parentTableElement->finishChildElements();
 }
 
 void KVNBuildTableOperation::arrayBatcher(KVNNSArrayBatcher *, const std::vector<KVNDirDiffTableElementPtr> &)

@@ -6,6 +6,8 @@
 
 #include <QHash>
 
+#include <unordered_map>
+
 #include <cstdlib>
 
 namespace {
@@ -66,6 +68,87 @@ void sideTest(const KVNDirDiffTableElementPtr &updated, const KVNDirDiffTableEle
     recompare.insert(existing);
 }
 
+// Exact-case relative paths, told apart without making a string per row: a
+// node's path is its directory's, made once per directory, and its name.
+class PathKeys {
+public:
+    struct Key {
+        uint64_t hash = 0;
+        const QByteArray *directory = nullptr; // null: the whole path is in name
+        QByteArray name;
+    };
+    struct Hash {
+        std::size_t operator()(const Key &key) const noexcept { return std::size_t(key.hash); }
+    };
+    struct Equal {
+        bool operator()(const Key &a, const Key &b) const
+        {
+            if (a.hash != b.hash)
+                return false;
+            if (a.directory && b.directory)
+                return a.name == b.name && *a.directory == *b.directory;
+            return whole(a) == whole(b);
+        }
+    };
+
+    // The key of a row's path: that of its left node, or else its right one.
+    Key keyOf(const KVNDirDiffTableElement &row)
+    {
+        KVNFileNodePtr node = row.leftNode();
+        if (!node)
+            node = row.rightNode();
+        if (!node)
+            return {fold(kSeed, QByteArray()), nullptr, QByteArray()};
+        const KVNFileNodePtr parent = node->parentNode();
+        if (!parent) {
+            QByteArray path = node->relativePath();
+            return {fold(kSeed, path), nullptr, std::move(path)};
+        }
+        const Directory &directory = directoryOf(parent.get());
+        QByteArray name = node->name();
+        return {fold(fold(directory.hash, QByteArrayView("/")), name), &directory.path, std::move(name)};
+    }
+
+private:
+    static constexpr uint64_t kSeed = 1469598103934665603ull;
+    struct Directory {
+        QByteArray path;
+        uint64_t hash = 0;
+    };
+
+    static uint64_t fold(uint64_t hash, QByteArrayView bytes)
+    {
+        for (const char c : bytes) {
+            hash ^= uint8_t(c);
+            hash *= 1099511628211ull;
+        }
+        return hash;
+    }
+    static QByteArray whole(const Key &key) { return key.directory ? *key.directory + '/' + key.name : key.name; }
+
+    const Directory &directoryOf(const KVNFileNode *node)
+    {
+        if (node == lastNode_)
+            return *lastDirectory_;
+        auto [it, added] = directories_.try_emplace(node);
+        if (added) {
+            QByteArray path = node->relativePath();
+            if (path == "./") // the root: its children are "./name"
+                path = ".";
+            it->second.hash = fold(kSeed, path);
+            it->second.path = std::move(path);
+        }
+        lastNode_ = node;
+        lastDirectory_ = &it->second;
+        return it->second;
+    }
+
+    // The rows keep their nodes, and so their directories, alive meanwhile.
+    std::unordered_map<const KVNFileNode *, Directory> directories_;
+    const KVNFileNode *lastNode_ = nullptr;
+    const Directory *lastDirectory_ = nullptr;
+};
+
 } // namespace
 
 KVNDiffSourceArrayControllersOperation::KVNDiffSourceArrayControllersOperation(
@@ -95,25 +178,42 @@ void KVNDiffSourceArrayControllersOperation::main()
     const auto &bound = boundSourceArrayControllerArrangedObjects_;
     KVNTableElementSet recompare;
 
-    // Keyed by the exact-case path, unlike the pairing.
-    QHash<QByteArray, KVNDirDiffTableElementPtr> boundTable;
-    QHash<QByteArray, KVNDirDiffTableElementPtr> updatedTable;
-    boundTable.reserve(qsizetype(bound.size()));
-    updatedTable.reserve(qsizetype(updated.size()));
-    for (const auto &row : bound)
-        boundTable.insert(row->relativePath(), row);
-    for (const auto &row : updated)
-        updatedTable.insert(row->relativePath(), row);
+    // Keyed by the exact-case path, unlike the pairing; a later row of the
+    // same path takes the place of an earlier one. Every path is made once:
+    // a bound path that some fresh row finds is marked, the others went away.
+    struct Slot {
+        KVNDirDiffTableElement *row = nullptr; // the snapshot keeps it alive
+        bool found = false;
+    };
+    PathKeys keys;
+    std::unordered_map<PathKeys::Key, Slot, PathKeys::Hash, PathKeys::Equal> boundTable; // nodes stay put
+    boundTable.reserve(bound.size());
+    std::vector<Slot *> boundSlots;
+    boundSlots.reserve(bound.size());
+    for (const auto &row : bound) {
+        Slot &slot = boundTable[keys.keyOf(*row)];
+        slot.row = row.get();
+        boundSlots.push_back(&slot);
+    }
+    std::vector<KVNDirDiffTableElement *> existingFor(updated.size(), nullptr);
+    for (std::size_t index = 0; index < updated.size(); ++index) {
+        const auto it = boundTable.find(keys.keyOf(*updated[index]));
+        if (it == boundTable.end())
+            continue;
+        it->second.found = true;
+        existingFor[index] = it->second.row;
+    }
 
     std::vector<KVNDirDiffTableElementPtr> gone;
-    for (const auto &row : bound)
-        if (!updatedTable.contains(row->relativePath()))
-            gone.push_back(row);
+    for (std::size_t index = 0; index < bound.size(); ++index)
+        if (!boundSlots[index]->found)
+            gone.push_back(bound[index]);
     for (const auto &row : gone) {
         if (auto parent = row->parentElement()) {
             recompare.insert(parent);
             parent->removeChildElement(row.get());
         }
+        // One hop a row, so that the main thread stays served between them.
         auto controller = boundSourceArrayController_;
         KVNMainThread::invokeAndWait([controller, row] {
             if (controller)
@@ -125,13 +225,14 @@ void KVNDiffSourceArrayControllersOperation::main()
     std::size_t inserted = 0;
     for (std::size_t index = 0; index < updated.size(); ++index) {
         const auto &fresh = updated[index];
-        const QByteArray path = fresh->relativePath();
-        auto existing = boundTable.value(path);
-        if (!existing) {
+        KVNDirDiffTableElement *found = existingFor[index];
+        if (!found) {
             if (auto parent = fresh->parentElement()) {
                 // A parent that is new itself is not in the bound table: the row then
                 // keeps its place in that parent's list but loses its parent reference.
-                auto boundParent = boundTable.value(parent->relativePath());
+                KVNDirDiffTableElementPtr boundParent;
+                if (const auto it = boundTable.find(keys.keyOf(*parent)); it != boundTable.end())
+                    boundParent = KVNDirDiffTableElementPtr::fromThis(it->second.row);
                 if (boundParent)
                     boundParent->addChildElement(fresh);
                 fresh->setParentElement(boundParent);
@@ -142,6 +243,7 @@ void KVNDiffSourceArrayControllersOperation::main()
             ++inserted;
             continue;
         }
+        const auto existing = KVNDirDiffTableElementPtr::fromThis(found);
         sideTest(fresh, existing, Side::Left, recompare);
         sideTest(fresh, existing, Side::Right, recompare);
         if (!existing->leftNode() && !existing->rightNode())

@@ -66,11 +66,27 @@ struct KVNDirDiffTableElement::Children {
     }
 };
 
+// Nodes keep their observers as std::weak_ptr; a row is not a shared_ptr, so
+// this small stand-in is. It holds the row weakly and passes the word on
+// while the row lives.
+class KVNDirDiffTableElement::NodeWatch final : public KVNNodeObserver {
+public:
+    explicit NodeWatch(KVNWeakRef<KVNDirDiffTableElement> row) : row_(std::move(row)) {}
+    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override
+    {
+        if (auto row = row_.lock())
+            row->observeValueForKeyPath(key, node);
+    }
+
+private:
+    KVNWeakRef<KVNDirDiffTableElement> row_;
+};
+
 KVNDirDiffTableElement::KVNDirDiffTableElement() = default;
 
 KVNDirDiffTableElementPtr KVNDirDiffTableElement::make(const KVNFileNodePtr &leftNode, const KVNFileNodePtr &rightNode)
 {
-    auto element = std::make_shared<KVNDirDiffTableElement>();
+    auto element = KVNMakeRef<KVNDirDiffTableElement>();
     element->setLeftNode(leftNode);
     element->setRightNode(rightNode);
     return element;
@@ -79,9 +95,9 @@ KVNDirDiffTableElementPtr KVNDirDiffTableElement::make(const KVNFileNodePtr &lef
 KVNDirDiffTableElement::~KVNDirDiffTableElement()
 {
     if (leftNode_)
-        leftNode_->removeObserver(this);
+        leftNode_->removeObserver(watch_.get());
     if (rightNode_)
-        rightNode_->removeObserver(this);
+        rightNode_->removeObserver(watch_.get());
     // Children that outlive this row no longer count into it.
     if (childElements_)
         for (const auto &child : childElements_->list) {
@@ -109,10 +125,13 @@ void KVNDirDiffTableElement::setNode(KVNFileNodePtr &slot, const KVNFileNodePtr 
     if (slot == node)
         return;
     if (slot)
-        slot->removeObserver(this);
+        slot->removeObserver(watch_.get());
     slot = node;
-    if (slot)
-        slot->addObserver(weak_from_this());
+    if (!slot)
+        return;
+    if (!watch_)
+        watch_ = std::make_shared<NodeWatch>(KVNWeakRef(KVNDirDiffTableElementPtr::fromThis(this)));
+    slot->addObserver(watch_);
 }
 
 void KVNDirDiffTableElement::setLeftNode(const KVNFileNodePtr &node)
@@ -133,8 +152,10 @@ KVNDirDiffTableElementPtr KVNDirDiffTableElement::parentElement() const
 
 void KVNDirDiffTableElement::setParentElement(const KVNDirDiffTableElementPtr &parent)
 {
+    KVNWeakRef<KVNDirDiffTableElement> weak(parent);
     std::lock_guard guard(lock_);
-    parentElement_ = parent;
+    std::swap(parentElement_, weak);
+    // The old reference goes after the lock: it may be the parent's memory's last.
 }
 
 std::vector<KVNDirDiffTableElementPtr> KVNDirDiffTableElement::childElements() const
@@ -163,6 +184,13 @@ void KVNDirDiffTableElement::addChildElement(const KVNDirDiffTableElementPtr &ch
         child->countedIn_->count(direction, -1);
     child->countedIn_ = childElements_.get();
     child->countedIn_->count(direction, 1);
+}
+
+void KVNDirDiffTableElement::finishChildElements()
+{
+    std::lock_guard guard(lock_);
+    if (childElements_)
+        childElements_->list.shrink_to_fit();
 }
 
 void KVNDirDiffTableElement::removeChildElement(const KVNDirDiffTableElement *child)
@@ -341,7 +369,7 @@ void KVNDirDiffTableElement::respondToChangedDiffResult()
 
 void KVNDirDiffTableElement::storeMergeDirectionLocked(uint64_t direction)
 {
-    const uint64_t old = mergeDirection_.exchange(direction, std::memory_order_acq_rel);
+    const uint64_t old = mergeDirection_.exchange(uint8_t(direction), std::memory_order_acq_rel);
     if (countedIn_ && old != direction) {
         countedIn_->count(old, -1);
         countedIn_->count(direction, 1);
@@ -365,7 +393,7 @@ void KVNDirDiffTableElement::setMergeDirection(uint64_t direction)
 
 void KVNDirDiffTableElement::updateAndNotifyParent()
 {
-    for (auto row = shared_from_this(); row; row = row->parentElement())
+    for (auto row = KVNDirDiffTableElementPtr::fromThis(this); row; row = row->parentElement())
         if (row->isDirectory())
             row->updateMergeDirectionForDirectory();
 }
@@ -391,12 +419,13 @@ void KVNDirDiffTableElement::updateMergeDirectionForDirectory()
 
 std::size_t KVNDirDiffTableElement::hash() const
 {
-    std::size_t cached = cachedHash_.load(std::memory_order_acquire);
-    if (cached == ~std::size_t(0)) {
-        cached = qHash(relativePath());
-        if (cached == ~std::size_t(0))
-            cached = 0;
-        cachedHash_.store(cached, std::memory_order_release);
+    uint32_t cached = cachedHash_.load(std::memory_order_relaxed);
+    if (cached == 0) {
+        const std::size_t full = qHash(relativePath());
+        cached = uint32_t(full ^ (full >> 32));
+        if (cached == 0)
+            cached = 1;
+        cachedHash_.store(cached, std::memory_order_relaxed);
     }
     return cached;
 }
@@ -445,8 +474,15 @@ KVNValue KVNDirDiffTableElement::valueForKey(QStringView key) const
         return KVNValue::fromString(labelLeft());
     if (key == u"labelRight")
         return KVNValue::fromString(labelRight());
-    if (key == u"parentElement")
-        return KVNValue::fromObject(parentElement());
+    if (key == u"parentElement") {
+        auto parent = parentElement();
+        if (!parent)
+            return KVNValue::fromObject(nullptr);
+        // The value keeps the row alive as long as it is held.
+        const KVNKeyValueCoding *object = parent.get();
+        return KVNValue::fromObject(
+            std::shared_ptr<const KVNKeyValueCoding>(object, [keep = std::move(parent)](const void *) mutable {}));
+    }
     // Everything else a row answers from its left node, or its right one.
     auto node = primaryNode();
     return node ? node->valueForKey(key) : KVNValue();

@@ -3,6 +3,7 @@
 #include "KVNFileNode.h"
 #include "KVNMergeDirection.h"
 #include "KVNPredicate.h"
+#include "KVNRef.h"
 #include "KVNTinyLock.h"
 
 #include <QString>
@@ -13,15 +14,14 @@
 #include <vector>
 
 class KVNDirDiffTableElement;
-using KVNDirDiffTableElementPtr = std::shared_ptr<KVNDirDiffTableElement>;
+using KVNDirDiffTableElementPtr = KVNRef<KVNDirDiffTableElement>;
 
 // One row of the comparison: a left node, a right node or both, at one
 // relative path. It reads one result out of its two nodes, keeps a merge
 // direction, defaults it when a result arrives, and sums its children's
-// directions into a directory's.
-class KVNDirDiffTableElement : public KVNNodeObserver,
-                               public KVNKeyValueCoding,
-                               public std::enable_shared_from_this<KVNDirDiffTableElement> {
+// directions into a directory's. A table holds a row for every item, so a
+// row is counted in place (KVNRef) and keeps its small fields small.
+class KVNDirDiffTableElement final : public KVNKeyValueCoding {
 public:
     static constexpr uint64_t kNoRowLayerIndex = ~uint64_t(0);
 
@@ -46,6 +46,8 @@ public:
     bool hasChildElements() const;                                // false while the list is nil
     void addChildElement(const KVNDirDiffTableElementPtr &child); // creates the list on first use
     void removeChildElement(const KVNDirDiffTableElement *child);
+    // Gives back the room the list grew by while it was filled; later additions still work.
+    void finishChildElements();
     std::vector<KVNDirDiffTableElementPtr> filteredChildren(const KVNPredicatePtr &predicate) const;
 
     // Values for the outline; empty without a node on that side.
@@ -82,10 +84,12 @@ public:
     bool isEqual(const KVNDirDiffTableElement &other) const;
     QString description() const;
 
-    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override;
+    // Told by the nodes this row shows.
+    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node);
     KVNValue valueForKey(QStringView key) const override;
 
 private:
+    class NodeWatch;
     static QString label(const KVNFileNodePtr &node);
     static QString dateLabel(const KVNFileNodePtr &node);
     static QString sizeLabel(const KVNFileNodePtr &node);
@@ -98,15 +102,17 @@ private:
 
     // Taken alone, or a parent's and then a child's: rows nest from parent to child.
     mutable KVNTinyLock lock_;
+    mutable std::atomic<uint32_t> cachedHash_{0}; // 0 until worked out
+    std::atomic<uint32_t> depthHint_{0};
+    std::atomic<uint8_t> mergeDirection_{KVNMergeDirectionNone};
     KVNFileNodePtr leftNode_;
     KVNFileNodePtr rightNode_;
-    std::weak_ptr<KVNDirDiffTableElement> parentElement_;
-    std::unique_ptr<Children> childElements_;
+    KVNWeakRef<KVNDirDiffTableElement> parentElement_;
+    std::unique_ptr<Children> childElements_; // directories only
     // The list whose direction counts include this row; not owned.
     Children *countedIn_ = nullptr;
-    std::atomic<uint64_t> mergeDirection_{KVNMergeDirectionNone};
-    mutable std::atomic<std::size_t> cachedHash_{~std::size_t(0)};
-    std::atomic<uint32_t> depthHint_{0};
+    // What the nodes hold to reach this row; made with the first node.
+    std::shared_ptr<NodeWatch> watch_;
 };
 
 // Set semantics by row identity (hash and isEqual), as the reconciliation needs.
