@@ -5,6 +5,7 @@
 #include <QMimeDatabase>
 #include <QVarLengthArray>
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -48,10 +49,10 @@ struct KVNNodeAnchor {
 };
 
 struct KVNFileNode::Extras {
-    std::vector<KVNFileNodePtr> children;                      // only the scan adds, before anyone else sees the tree
-    std::vector<std::weak_ptr<KVNNodeObserver>> moreObservers; // guarded by a striped lock
-    QString spotlightItemKind;                                 // guarded by a striped lock
-    std::unique_ptr<const KVNNodeAnchor> anchor;               // set when the node is made, never changed
+    std::vector<KVNFileNodePtr> children;         // only the scan adds, before anyone else sees the tree
+    std::vector<KVNNodeObserver *> moreObservers; // guarded by a striped lock
+    QString spotlightItemKind;                    // guarded by a striped lock
+    std::unique_ptr<const KVNNodeAnchor> anchor;  // set when the node is made, never changed
 };
 
 KVNFileNode *KVNFileNode::allocate(QByteArrayView name)
@@ -87,14 +88,10 @@ void KVNFileNode::dispose()
 {
     Extras *extras = extrasIfAny();
     std::vector<KVNFileNodePtr> children;
-    std::weak_ptr<KVNNodeObserver> first;
-    std::vector<std::weak_ptr<KVNNodeObserver>> more;
     {
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
-        first.swap(firstObserver_);
         if (extras) {
             children.swap(extras->children);
-            more.swap(extras->moreObservers);
             extras->spotlightItemKind = QString();
         }
     }
@@ -530,58 +527,51 @@ int KVNFileNode::caseInsensitiveCompareLastPathComponent(const KVNFileNode &othe
     return order < 0 ? -1 : order > 0 ? 1 : 0;
 }
 
-void KVNFileNode::addObserver(const std::weak_ptr<KVNNodeObserver> &observer)
+void KVNFileNode::addObserver(KVNNodeObserver *observer)
 {
+    if (!observer)
+        return;
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
     // Nearly every node has exactly one row watching it: that one needs no list.
-    if (firstObserver_.expired()) {
+    if (!firstObserver_)
         firstObserver_ = observer;
-        return;
-    }
-    extras().moreObservers.push_back(observer);
+    else
+        extras().moreObservers.push_back(observer);
 }
 
 void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
 {
+    // One entry for this observer goes.
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    // One entry for this observer goes, and dead entries with it.
-    bool removed = false;
-    if (auto first = firstObserver_.lock(); !first || first.get() == observer) {
-        removed = first != nullptr;
-        firstObserver_.reset();
-    }
-    Extras *extras = extrasIfAny();
-    if (!extras)
+    if (firstObserver_ == observer) {
+        firstObserver_ = nullptr;
         return;
-    std::erase_if(extras->moreObservers, [&](const std::weak_ptr<KVNNodeObserver> &weak) {
-        auto locked = weak.lock();
-        if (!locked)
-            return true;
-        if (!removed && locked.get() == observer) {
-            removed = true;
-            return true;
-        }
-        return false;
-    });
+    }
+    if (Extras *extras = extrasIfAny()) {
+        auto &list = extras->moreObservers;
+        if (auto it = std::find(list.begin(), list.end(), observer); it != list.end())
+            list.erase(it);
+    }
 }
 
 void KVNFileNode::notifyObservers(KVNNodeKey key)
 {
-    std::shared_ptr<KVNNodeObserver> first;
-    std::vector<std::shared_ptr<KVNNodeObserver>> more;
+    QVarLengthArray<KVNNodeObserver *, 2> pinned;
     {
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
-        first = firstObserver_.lock();
+        if (firstObserver_ && firstObserver_->retainObserver())
+            pinned.append(firstObserver_);
         if (const Extras *extras = extrasIfAny())
-            for (const auto &weak : extras->moreObservers)
-                if (auto observer = weak.lock())
-                    more.push_back(std::move(observer));
+            for (KVNNodeObserver *observer : extras->moreObservers)
+                if (observer->retainObserver())
+                    pinned.append(observer);
     }
-    // Observers run outside the striped lock: they take row locks of their own.
-    if (first)
-        first->observeValueForKeyPath(key, *this);
-    for (auto &observer : more)
+    // Observers run outside the striped lock: they take row locks of their own,
+    // and letting one go may end it, which removes it from this node.
+    for (KVNNodeObserver *observer : pinned)
         observer->observeValueForKeyPath(key, *this);
+    for (KVNNodeObserver *observer : pinned)
+        observer->releaseObserver();
 }
 
 KVNValue KVNFileNode::valueForKey(QStringView key) const

@@ -22,10 +22,16 @@ using KVNFileNodePtr = KVNRef<KVNFileNode>;
 enum class KVNNodeKey { DiffResult, FileAttrs };
 
 // Told synchronously, on the thread that changed the node, after the change.
+// A node keeps its observers by address, one word each: it tells one only
+// after retainObserver() has pinned it, and an observer removes itself from
+// its nodes before it goes.
 class KVNNodeObserver {
 public:
     virtual ~KVNNodeObserver() = default;
     virtual void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) = 0;
+    // False once the observer is on its way out.
+    virtual bool retainObserver() noexcept = 0;
+    virtual void releaseObserver() noexcept = 0;
 };
 
 // One scanned item of one side: a file, a symbolic link or a directory.
@@ -102,7 +108,7 @@ public:
     int caseInsensitiveCompareLastPathComponent(const KVNFileNode &other) const;
 
     // Observation by the rows that show this node.
-    void addObserver(const std::weak_ptr<KVNNodeObserver> &observer);
+    void addObserver(KVNNodeObserver *observer);
     void removeObserver(const KVNNodeObserver *observer);
 
     KVNValue valueForKey(QStringView key) const override;
@@ -125,10 +131,10 @@ private:
     void notifyObservers(KVNNodeKey key);
     QString cachedKind() const;
 
-    const KVNFileNode *parent_ = nullptr;          // a weak count: the memory stays, the use may end
-    std::atomic<Extras *> extras_{nullptr};        // children, further observers, a cached kind, an anchor's location
-    std::weak_ptr<KVNNodeObserver> firstObserver_; // guarded by a striped lock
-    uint64_t fileSize_ = 0;                        // the attributes: guarded by a striped lock
+    const KVNFileNode *parent_ = nullptr;      // a weak count: the memory stays, the use may end
+    std::atomic<Extras *> extras_{nullptr};    // children, further observers, a cached kind, an anchor's location
+    KVNNodeObserver *firstObserver_ = nullptr; // guarded by a striped lock
+    uint64_t fileSize_ = 0;                    // the attributes: guarded by a striped lock
     int64_t modifiedSeconds_ = 0;
     uint32_t modifiedNanoseconds_ = 0;
     std::atomic<int32_t> diffResult_{KVNDiffResultUnknown};

@@ -66,22 +66,6 @@ struct KVNDirDiffTableElement::Children {
     }
 };
 
-// Nodes keep their observers as std::weak_ptr; a row is not a shared_ptr, so
-// this small stand-in is. It holds the row weakly and passes the word on
-// while the row lives.
-class KVNDirDiffTableElement::NodeWatch final : public KVNNodeObserver {
-public:
-    explicit NodeWatch(KVNWeakRef<KVNDirDiffTableElement> row) : row_(std::move(row)) {}
-    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override
-    {
-        if (auto row = row_.lock())
-            row->observeValueForKeyPath(key, node);
-    }
-
-private:
-    KVNWeakRef<KVNDirDiffTableElement> row_;
-};
-
 KVNDirDiffTableElement::KVNDirDiffTableElement() = default;
 
 KVNDirDiffTableElementPtr KVNDirDiffTableElement::make(const KVNFileNodePtr &leftNode, const KVNFileNodePtr &rightNode)
@@ -95,9 +79,9 @@ KVNDirDiffTableElementPtr KVNDirDiffTableElement::make(const KVNFileNodePtr &lef
 KVNDirDiffTableElement::~KVNDirDiffTableElement()
 {
     if (leftNode_)
-        leftNode_->removeObserver(watch_.get());
+        leftNode_->removeObserver(this);
     if (rightNode_)
-        rightNode_->removeObserver(watch_.get());
+        rightNode_->removeObserver(this);
     // Children that outlive this row no longer count into it.
     if (childElements_)
         for (const auto &child : childElements_->list) {
@@ -125,13 +109,11 @@ void KVNDirDiffTableElement::setNode(KVNFileNodePtr &slot, const KVNFileNodePtr 
     if (slot == node)
         return;
     if (slot)
-        slot->removeObserver(watch_.get());
+        slot->removeObserver(this);
     slot = node;
     if (!slot)
         return;
-    if (!watch_)
-        watch_ = std::make_shared<NodeWatch>(KVNWeakRef(KVNDirDiffTableElementPtr::fromThis(this)));
-    slot->addObserver(watch_);
+    slot->addObserver(this);
 }
 
 void KVNDirDiffTableElement::setLeftNode(const KVNFileNodePtr &node)

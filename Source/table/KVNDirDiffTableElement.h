@@ -21,7 +21,7 @@ using KVNDirDiffTableElementPtr = KVNRef<KVNDirDiffTableElement>;
 // direction, defaults it when a result arrives, and sums its children's
 // directions into a directory's. A table holds a row for every item, so a
 // row is counted in place (KVNRef) and keeps its small fields small.
-class KVNDirDiffTableElement final : public KVNKeyValueCoding {
+class KVNDirDiffTableElement final : public KVNKeyValueCoding, public KVNNodeObserver {
 public:
     static constexpr uint64_t kNoRowLayerIndex = ~uint64_t(0);
 
@@ -85,11 +85,12 @@ public:
     QString description() const;
 
     // Told by the nodes this row shows.
-    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node);
+    void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override;
+    bool retainObserver() noexcept override { return KVNRefDetail::tryRetain(this); }
+    void releaseObserver() noexcept override { KVNRefDetail::release(this); }
     KVNValue valueForKey(QStringView key) const override;
 
 private:
-    class NodeWatch;
     static QString label(const KVNFileNodePtr &node);
     static QString dateLabel(const KVNFileNodePtr &node);
     static QString sizeLabel(const KVNFileNodePtr &node);
@@ -111,8 +112,6 @@ private:
     std::unique_ptr<Children> childElements_; // directories only
     // The list whose direction counts include this row; not owned.
     Children *countedIn_ = nullptr;
-    // What the nodes hold to reach this row; made with the first node.
-    std::shared_ptr<NodeWatch> watch_;
 };
 
 // Set semantics by row identity (hash and isEqual), as the reconciliation needs.

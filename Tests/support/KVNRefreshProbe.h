@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -71,13 +72,20 @@ private:
 };
 
 // Logs every result a watched node is given, in order, whichever thread sets it.
-class KVNResultRecorder : public KVNNodeObserver, public std::enable_shared_from_this<KVNResultRecorder> {
+class KVNResultRecorder : public KVNNodeObserver {
 public:
     static std::shared_ptr<KVNResultRecorder> make() { return std::make_shared<KVNResultRecorder>(); }
     ~KVNResultRecorder() override
     {
+        {
+            std::lock_guard guard(mutex_);
+            closing_ = true;
+        }
         for (const auto &node : watched_)
             node->removeObserver(this);
+        // A node may be telling it something right now: that ends first.
+        std::unique_lock guard(mutex_);
+        idle_.wait(guard, [this] { return inFlight_ == 0; });
     }
     // Both nodes of a row, as they are now.
     void watchRow(const KVNDirDiffTableElementPtr &row)
@@ -85,9 +93,23 @@ public:
         for (const auto &node : {row->leftNode(), row->rightNode()}) {
             if (node) {
                 watched_.push_back(node);
-                node->addObserver(weak_from_this());
+                node->addObserver(this);
             }
         }
+    }
+    bool retainObserver() noexcept override
+    {
+        std::lock_guard guard(mutex_);
+        if (closing_)
+            return false;
+        ++inFlight_;
+        return true;
+    }
+    void releaseObserver() noexcept override
+    {
+        std::lock_guard guard(mutex_);
+        if (--inFlight_ == 0)
+            idle_.notify_all();
     }
     void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override
     {
@@ -110,6 +132,9 @@ public:
 
 private:
     mutable std::mutex mutex_;
+    std::condition_variable idle_;
+    int inFlight_ = 0;
+    bool closing_ = false;
     std::vector<KVNFileNodePtr> watched_; // main thread only
     std::map<const KVNFileNode *, std::vector<int32_t>> log_;
 };

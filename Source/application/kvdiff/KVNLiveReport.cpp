@@ -44,11 +44,12 @@ void KVNLiveReport::printReport()
     const bool first = sequence_ == 0;
     ++sequence_;
     if (json_) {
-        QJsonObject report = writer_.json(rows);
-        report.insert(QStringLiteral("sequence"), sequence_);
+        QJsonObject fields;
+        fields.insert(QStringLiteral("sequence"), sequence_);
         if (!first)
-            report.insert(QStringLiteral("trigger"), KVNPathBytes::displayString(document_->lastTriggeringEventPath()));
-        writeOut(QJsonDocument(report).toJson(QJsonDocument::Compact) + '\n');
+            fields.insert(QStringLiteral("trigger"), KVNPathBytes::displayString(document_->lastTriggeringEventPath()));
+        writer_.writeJson(rows, fields, writeOut);
+        writeOut("\n");
     } else {
         QStringList lines;
         for (const auto &row : rows)

@@ -5,6 +5,7 @@
 
 #include <QDateTime>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QStringDecoder>
 
 namespace {
@@ -120,12 +121,20 @@ QJsonValue KVNReportWriter::side(const KVNFileNodePtr &node) const
     return object;
 }
 
-QJsonObject KVNReportWriter::json(const std::vector<KVNReportRow> &rows) const
+void KVNReportWriter::writeJson(const std::vector<KVNReportRow> &rows, QJsonObject fields,
+                                const std::function<void(const QByteArray &)> &out) const
 {
-    QJsonObject report;
-    putPath(report, QStringLiteral("original"), originalRoot_);
-    putPath(report, QStringLiteral("modified"), modifiedRoot_);
-    QJsonArray list;
+    // The rows go out one at a time: a million of them never stand in memory
+    // as one document. The keys come out in the order a whole document has.
+    putPath(fields, QStringLiteral("original"), originalRoot_);
+    putPath(fields, QStringLiteral("modified"), modifiedRoot_);
+    fields.insert(QStringLiteral("rows"), QJsonArray());
+    const QByteArray whole = QJsonDocument(fields).toJson(QJsonDocument::Compact);
+    const QByteArray slot = QByteArrayLiteral("\"rows\":[]");
+    const qsizetype at = whole.indexOf(slot) + slot.size() - 1;
+    out(whole.left(at));
+    QByteArray batch;
+    bool first = true;
     for (const auto &row : rows) {
         QJsonObject object;
         putPath(object, QStringLiteral("path"), row.element->relativePath());
@@ -137,10 +146,17 @@ QJsonObject KVNReportWriter::json(const std::vector<KVNReportRow> &rows) const
                       QString::fromLatin1(KVNMergeDirectionWord(row.element->mergeDirection())));
         object.insert(QStringLiteral("left"), side(row.element->leftNode()));
         object.insert(QStringLiteral("right"), side(row.element->rightNode()));
-        list.append(object);
+        if (!first)
+            batch += ',';
+        first = false;
+        batch += QJsonDocument(object).toJson(QJsonDocument::Compact);
+        if (batch.size() >= 1 << 16) {
+            out(batch);
+            batch.clear();
+        }
     }
-    report.insert(QStringLiteral("rows"), list);
-    return report;
+    batch += whole.mid(at);
+    out(batch);
 }
 
 QString KVNReportWriter::textLine(const KVNDirDiffTableElementPtr &row) const

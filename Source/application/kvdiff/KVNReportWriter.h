@@ -6,6 +6,7 @@
 #include <QJsonObject>
 #include <QString>
 
+#include <functional>
 #include <vector>
 
 // One row of a report: a row as the outline shows it, with its depth in the
@@ -28,7 +29,10 @@ public:
     // whatever the display filter.
     static bool hasDifferences(KVNDirCompDocument &document);
 
-    QJsonObject json(const std::vector<KVNReportRow> &rows) const;
+    // The JSON report of rows, with fields of the caller's beside them, in
+    // pieces to out; the pieces together are one compact JSON document.
+    void writeJson(const std::vector<KVNReportRow> &rows, QJsonObject fields,
+                   const std::function<void(const QByteArray &)> &out) const;
     QString textLine(const KVNDirDiffTableElementPtr &row) const;
 
 private:
