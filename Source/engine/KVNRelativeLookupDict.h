@@ -15,7 +15,7 @@ public:
     void reserve(std::size_t count);
     // A node whose key is already present replaces the earlier one, in its place.
     void insert(const KVNFileNodePtr &node);
-    // Gives back what growing left unused; for when the table is complete.
+    // Gives back what growing left unused, slots included; for when the table is complete.
     void squeeze();
 
     KVNFileNodePtr value(const QByteArray &lowercaseRelativePath) const;
@@ -31,6 +31,7 @@ public:
 
 private:
     template <typename Matches> std::size_t find(uint64_t hash, Matches matches) const;
+    std::size_t slotFor(uint32_t hash) const;
     void rehash(std::size_t count);
 
     std::vector<KVNFileNodePtr> nodes_;
