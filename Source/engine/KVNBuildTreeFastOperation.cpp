@@ -52,6 +52,8 @@ void KVNBuildTreeFastOperation::main()
             continue;
         if (status != KVNScanStatus::Ok)
             break;
+        if (!entries.empty())
+            directory->reserveChildNodes(entries.size());
         for (const KVNDirectoryEntry &entry : entries) {
             // Linux names never hold "/", so there is nothing to swap for ":".
             KVNFileNodePtr node = KVNFileNode::makeChild(directory, entry.name);

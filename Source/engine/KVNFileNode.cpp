@@ -48,12 +48,22 @@ struct KVNNodeAnchor {
     uint32_t depthHint = 0;
 };
 
+// What a directory needs; a plain file has none.
 struct KVNFileNode::Extras {
-    std::vector<KVNFileNodePtr> children;         // only the scan adds, before anyone else sees the tree
+    std::vector<KVNFileNodePtr> children;     // only the scan adds, before anyone else sees the tree
+    KVNNodeObserver *firstObserver = nullptr; // guarded by a striped lock
+    std::unique_ptr<Rare> rare;               // guarded by a striped lock; an anchor's is made with it
+};
+
+// What few nodes need.
+struct KVNFileNode::Rare {
+    std::unique_ptr<const KVNNodeAnchor> anchor;  // set when the node is made, never changed
     std::vector<KVNNodeObserver *> moreObservers; // guarded by a striped lock
     QString spotlightItemKind;                    // guarded by a striped lock
-    std::unique_ptr<const KVNNodeAnchor> anchor;  // set when the node is made, never changed
 };
+
+// A node is counted by the million: keep it to seven words before its name.
+static_assert(sizeof(void *) != 8 || sizeof(KVNFileNode) <= 56);
 
 KVNFileNode *KVNFileNode::allocate(QByteArrayView name)
 {
@@ -77,7 +87,7 @@ void KVNFileNode::destroy(KVNFileNode *node)
 
 KVNFileNode::~KVNFileNode()
 {
-    delete extras_.load(std::memory_order_acquire);
+    delete extrasIfAny();
     if (parent_)
         parent_->releaseWeak();
 }
@@ -92,21 +102,44 @@ void KVNFileNode::dispose()
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
         if (extras) {
             children.swap(extras->children);
-            extras->spotlightItemKind = QString();
+            if (extras->rare)
+                extras->rare->spotlightItemKind = QString();
         }
     }
 }
 
 KVNFileNode::Extras &KVNFileNode::extras()
 {
-    Extras *extras = extrasIfAny();
-    if (extras)
+    if (Extras *extras = extrasIfAny())
         return *extras;
+    std::lock_guard guard(KVNStripedLocks::forAddress(this));
+    return extrasLocked();
+}
+
+KVNFileNode::Extras &KVNFileNode::extrasLocked()
+{
+    const std::uintptr_t link = link_.load(std::memory_order_relaxed);
+    if (link & kExtrasTag)
+        return *reinterpret_cast<Extras *>(link & ~kExtrasTag);
+    // The observer the link held moves into the Extras.
     auto *made = new Extras;
-    if (extras_.compare_exchange_strong(extras, made, std::memory_order_acq_rel))
-        return *made;
-    delete made;
-    return *extras;
+    made->firstObserver = reinterpret_cast<KVNNodeObserver *>(link);
+    link_.store(reinterpret_cast<std::uintptr_t>(made) | kExtrasTag, std::memory_order_release);
+    return *made;
+}
+
+const KVNNodeAnchor &KVNFileNode::anchorPlace() const
+{
+    return *extrasIfAny()->rare->anchor;
+}
+
+// Before the node is published: nothing else can see it yet.
+void KVNFileNode::setAnchor(KVNNodeAnchor anchor)
+{
+    flags_ |= kAnchored;
+    auto &rare = extras().rare;
+    rare = std::make_unique<Rare>();
+    rare->anchor = std::make_unique<const KVNNodeAnchor>(std::move(anchor));
 }
 
 KVNFileNodePtr KVNFileNode::make(const QByteArray &basePath, const QByteArray &relativePath,
@@ -128,9 +161,9 @@ KVNFileNodePtr KVNFileNode::make(const QByteArray &basePath, const QByteArray &r
     const bool derived = !root && parent && depthHint == parent->depthHint() + 1 &&
                          parent->relativePath() == (directory == "." ? QByteArray("./") : directory);
     if (!derived) {
-        node->flags_ |= kAnchored | (root ? kRoot : 0);
-        node->extras().anchor.reset(new KVNNodeAnchor{withoutTrailingSlashes(basePath, 0), directory,
-                                                      KVNPathBytes::lowercasePath(directory), depthHint});
+        node->flags_ |= root ? kRoot : 0;
+        node->setAnchor(
+            {withoutTrailingSlashes(basePath, 0), directory, KVNPathBytes::lowercasePath(directory), depthHint});
     }
     return ref;
 }
@@ -151,9 +184,8 @@ KVNFileNodePtr KVNFileNode::makeTransient(const QByteArray &absolutePath)
     const QByteArray directory = slash < 0 ? QByteArray() : path.left(slash);
     KVNFileNode *node = allocate(slash < 0 ? QByteArrayView(path) : QByteArrayView(path).sliced(slash + 1));
     KVNFileNodePtr ref(node);
-    node->flags_ |= kTransient | kAnchored;
-    node->extras().anchor.reset(
-        new KVNNodeAnchor{QByteArray(), directory, KVNPathBytes::lowercasePath(directory), KVNTransientDepthHint});
+    node->flags_ |= kTransient;
+    node->setAnchor({QByteArray(), directory, KVNPathBytes::lowercasePath(directory), KVNTransientDepthHint});
     KVNDirectoryEntry entry;
     if (KVNDirectoryReader::attributesOfItem(path, entry))
         node->setFileAttrs(KVNFileAttributes::fromEntry(entry));
@@ -171,6 +203,12 @@ void KVNFileNode::addChildNode(const KVNFileNodePtr &child)
     if (child->parent_)
         child->parent_->releaseWeak();
     child->parent_ = this;
+}
+
+void KVNFileNode::reserveChildNodes(std::size_t count)
+{
+    auto &children = extras().children;
+    children.reserve(children.size() + count);
 }
 
 const std::vector<KVNFileNodePtr> &KVNFileNode::childNodes() const
@@ -206,7 +244,7 @@ uint32_t KVNFileNode::depthHint() const
     const KVNFileNode *node = this;
     for (; !node->isAnchor(); node = node->parent_)
         ++steps;
-    return node->extrasIfAny()->anchor->depthHint + steps;
+    return node->anchorPlace().depthHint + steps;
 }
 
 KVNWeakRef<KVNFileNode> KVNFileNode::directoryNode() const
@@ -272,7 +310,7 @@ void KVNFileNode::appendRelativePath(QByteArray &path, bool lowercase) const
     const KVNFileNode *node = this;
     for (; !node->isAnchor(); node = node->parent_)
         chain.append(node);
-    const KVNNodeAnchor &anchor = *node->extrasIfAny()->anchor;
+    const KVNNodeAnchor &anchor = node->anchorPlace();
     if (node->isRoot()) {
         path += '.';
     } else {
@@ -361,7 +399,7 @@ bool KVNFileNode::hasSameLowercaseRelativePath(const KVNFileNode &other) const
 QByteArray KVNFileNode::absolutePath() const
 {
     const KVNFileNode *top = anchor();
-    const KVNNodeAnchor &place = *top->extrasIfAny()->anchor;
+    const KVNNodeAnchor &place = top->anchorPlace();
     if (isRoot())
         return place.basePath.isEmpty() ? QByteArrayLiteral("/") : place.basePath;
     if (isTransient())
@@ -379,7 +417,7 @@ QByteArray KVNFileNode::directoryPath() const
     if (isRoot())
         return absolutePath();
     if (isTransient())
-        return extrasIfAny()->anchor->relativeDirectory;
+        return anchorPlace().relativeDirectory;
     QByteArray path = absolutePath();
     path.chop(nameSize_ + 1);
     return path;
@@ -459,7 +497,7 @@ QString KVNFileNode::cachedKind() const
     if (!extras)
         return QString();
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    return extras->spotlightItemKind;
+    return extras->rare ? extras->rare->spotlightItemKind : QString();
 }
 
 QString KVNFileNode::spotlightItemKind() const
@@ -491,9 +529,11 @@ QString KVNFileNode::spotlightItemKind() const
     }
     if (kind.isEmpty() || isTransient())
         return kind;
-    Extras &extras = const_cast<KVNFileNode *>(this)->extras();
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    extras.spotlightItemKind = kind;
+    auto &rare = const_cast<KVNFileNode *>(this)->extrasLocked().rare;
+    if (!rare)
+        rare = std::make_unique<Rare>();
+    rare->spotlightItemKind = kind;
     return kind;
 }
 
@@ -533,22 +573,36 @@ void KVNFileNode::addObserver(KVNNodeObserver *observer)
         return;
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
     // Nearly every node has exactly one row watching it: that one needs no list.
-    if (!firstObserver_)
-        firstObserver_ = observer;
-    else
-        extras().moreObservers.push_back(observer);
+    if (link_.load(std::memory_order_relaxed) == 0) {
+        link_.store(reinterpret_cast<std::uintptr_t>(observer), std::memory_order_release);
+        return;
+    }
+    Extras &extras = extrasLocked();
+    if (!extras.firstObserver) {
+        extras.firstObserver = observer;
+        return;
+    }
+    if (!extras.rare)
+        extras.rare = std::make_unique<Rare>();
+    extras.rare->moreObservers.push_back(observer);
 }
 
 void KVNFileNode::removeObserver(const KVNNodeObserver *observer)
 {
     // One entry for this observer goes.
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    if (firstObserver_ == observer) {
-        firstObserver_ = nullptr;
+    Extras *extras = extrasIfAny();
+    if (!extras) {
+        if (link_.load(std::memory_order_relaxed) == reinterpret_cast<std::uintptr_t>(observer))
+            link_.store(0, std::memory_order_release);
         return;
     }
-    if (Extras *extras = extrasIfAny()) {
-        auto &list = extras->moreObservers;
+    if (extras->firstObserver == observer) {
+        extras->firstObserver = nullptr;
+        return;
+    }
+    if (extras->rare) {
+        auto &list = extras->rare->moreObservers;
         if (auto it = std::find(list.begin(), list.end(), observer); it != list.end())
             list.erase(it);
     }
@@ -559,10 +613,13 @@ void KVNFileNode::notifyObservers(KVNNodeKey key)
     QVarLengthArray<KVNNodeObserver *, 2> pinned;
     {
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
-        if (firstObserver_ && firstObserver_->retainObserver())
-            pinned.append(firstObserver_);
-        if (const Extras *extras = extrasIfAny())
-            for (KVNNodeObserver *observer : extras->moreObservers)
+        const Extras *extras = extrasIfAny();
+        auto *first =
+            extras ? extras->firstObserver : reinterpret_cast<KVNNodeObserver *>(link_.load(std::memory_order_relaxed));
+        if (first && first->retainObserver())
+            pinned.append(first);
+        if (extras && extras->rare)
+            for (KVNNodeObserver *observer : extras->rare->moreObservers)
                 if (observer->retainObserver())
                     pinned.append(observer);
     }

@@ -16,6 +16,7 @@
 #include <vector>
 
 class KVNFileNode;
+struct KVNNodeAnchor;
 using KVNFileNodePtr = KVNRef<KVNFileNode>;
 
 // The two properties of a node that rows observe.
@@ -36,9 +37,11 @@ public:
 
 // One scanned item of one side: a file, a symbolic link or a directory.
 // Nodes are counted in place and their names are stored behind them: one
-// allocation per item. A node reaches its path through its parents, whose
-// memory it keeps (a weak count) even after their use has ended.
-class KVNFileNode : public KVNKeyValueCoding, public KVNRefCounted<KVNFileNode> {
+// pooled allocation of a few dozen bytes per item, with no virtual table
+// (predicates reach a node through KVNValue::fromObject). A node reaches its
+// path through its parents, whose memory it keeps (a weak count) even after
+// their use has ended.
+class KVNFileNode : public KVNRefCounted<KVNFileNode> {
 public:
     static constexpr uint32_t KVNTransientDepthHint = 0xFFFFFFFFu;
 
@@ -53,6 +56,8 @@ public:
 
     // Structure
     void addChildNode(const KVNFileNodePtr &child);
+    // Room for count more children, for a scan that knows how many will come.
+    void reserveChildNodes(std::size_t count);
     const std::vector<KVNFileNodePtr> &childNodes() const; // empty when none (nil)
     bool hasChildNodes() const;
     // Nil once the parent is no longer in use.
@@ -69,7 +74,7 @@ public:
 
     // Result
     int32_t diffResult() const { return diffResult_.load(std::memory_order_acquire); }
-    void setDiffResult(int32_t result); // notifies "diffResult"
+    void setDiffResult(int32_t result); // notifies "diffResult"; a KVNDiffResult value
     void notifyParentChangedDiffResult(const KVNFileNode &child);
 
     // Derived values
@@ -111,35 +116,46 @@ public:
     void addObserver(KVNNodeObserver *observer);
     void removeObserver(const KVNNodeObserver *observer);
 
-    KVNValue valueForKey(QStringView key) const override;
+    KVNValue valueForKey(QStringView key) const;
 
 private:
     friend class KVNRefCounted<KVNFileNode>;
     enum Flags : uint8_t { kRoot = 1, kTransient = 2, kHasAttrs = 4, kHasSize = 8, kAnchored = 16 };
     struct Extras;
+    struct Rare;
+    // link_ holds the one observer of a plain node, or (tagged) its Extras.
+    static constexpr std::uintptr_t kExtrasTag = 1;
 
     static KVNFileNode *allocate(QByteArrayView name);
     static void destroy(KVNFileNode *node);
     KVNFileNode() = default;
-    ~KVNFileNode() override;
+    ~KVNFileNode();
     void dispose();
-    Extras *extrasIfAny() const { return extras_.load(std::memory_order_acquire); }
+    Extras *extrasIfAny() const
+    {
+        const std::uintptr_t link = link_.load(std::memory_order_acquire);
+        return link & kExtrasTag ? reinterpret_cast<Extras *>(link & ~kExtrasTag) : nullptr;
+    }
     Extras &extras();
+    Extras &extrasLocked(); // with the striped lock held
+    const KVNNodeAnchor &anchorPlace() const;
+    void setAnchor(KVNNodeAnchor anchor);
     bool isAnchor() const { return flags_ & kAnchored; } // keeps its own location instead of deriving it
     const KVNFileNode *anchor() const;
     void appendRelativePath(QByteArray &path, bool lowercase) const;
     void notifyObservers(KVNNodeKey key);
     QString cachedKind() const;
 
-    const KVNFileNode *parent_ = nullptr;      // a weak count: the memory stays, the use may end
-    std::atomic<Extras *> extras_{nullptr};    // children, further observers, a cached kind, an anchor's location
-    KVNNodeObserver *firstObserver_ = nullptr; // guarded by a striped lock
-    uint64_t fileSize_ = 0;                    // the attributes: guarded by a striped lock
+    const KVNFileNode *parent_ = nullptr; // a weak count: the memory stays, the use may end
+    // An observer (untagged, guarded by a striped lock) or the Extras: children,
+    // observers, a cached kind, an anchor's location. Extras never go away.
+    std::atomic<std::uintptr_t> link_{0};
+    uint64_t fileSize_ = 0; // the attributes: guarded by a striped lock
     int64_t modifiedSeconds_ = 0;
     uint32_t modifiedNanoseconds_ = 0;
-    std::atomic<int32_t> diffResult_{KVNDiffResultUnknown};
     std::atomic<uint32_t> crc32_{0};
-    KVNTinyLock monitor_; // taken by setDiffResult; nests from child to parent
+    std::atomic<int8_t> diffResult_{KVNDiffResultUnknown}; // one of the few KVNDiffResult values
+    KVNTinyLock monitor_;                                  // taken by setDiffResult; nests from child to parent
     uint16_t nameSize_ = 0;
     KVNFileType fileType_ = KVNFileType::Regular; // guarded like the attributes
     uint8_t attrFlags_ = 0;                       // kHasAttrs, kHasSize: guarded like the attributes

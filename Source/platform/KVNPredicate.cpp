@@ -400,7 +400,7 @@ QString KVNExpression::formatValue(const KVNValue &value)
     case KVNValue::Type::Date:
         return QStringLiteral("DATE(%1, %2)").arg(value.toDate().seconds).arg(value.toDate().nanoseconds);
     case KVNValue::Type::Object:
-        return QStringLiteral("<object 0x%1>").arg(quintptr(value.toObject().get()), 0, 16);
+        return QStringLiteral("<object 0x%1>").arg(quintptr(value.toObject()->identity()), 0, 16);
     }
     return QString();
 }

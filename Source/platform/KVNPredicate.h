@@ -59,6 +59,12 @@ public:
     static constexpr int maxNestingDepth() { return 1000; }
 
     virtual bool evaluateWithObject(const KVNKeyValueCoding &object) const = 0;
+    // Rows and nodes answer keys without being KVNKeyValueCoding themselves.
+    template <typename T>
+    requires(!std::is_base_of_v<KVNKeyValueCoding, T>) bool evaluateWithObject(const T &object) const
+    {
+        return evaluateWithObject(KVNKeyValueView<T>(object));
+    }
     virtual QString predicateFormat() const = 0;
     // Structural equality: same tree, same operators, options and constants.
     // Numbers are equal by value whatever their type (YES equals 1).
@@ -190,5 +196,11 @@ private:
 
 // Null-safe helpers: an absent predicate matches nothing and renders as empty text.
 bool KVNPredicateEvaluate(const KVNPredicatePtr &predicate, const KVNKeyValueCoding &object);
+template <typename T>
+requires(!std::is_base_of_v<KVNKeyValueCoding, T>) bool KVNPredicateEvaluate(const KVNPredicatePtr &predicate,
+                                                                             const T &object)
+{
+    return KVNPredicateEvaluate(predicate, KVNKeyValueView<T>(object));
+}
 bool KVNPredicatesEqual(const KVNPredicatePtr &a, const KVNPredicatePtr &b);
 QString KVNPredicateFormat(const KVNPredicatePtr &predicate);

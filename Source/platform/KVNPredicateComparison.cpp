@@ -336,7 +336,7 @@ bool valuesEqual(const KVNValue &a, const std::optional<std::u32string> &aFolded
     case KVNValue::Type::Date:
         return a.toDate() == b.toDate();
     case KVNValue::Type::Object:
-        return a.toObject().get() == b.toObject().get();
+        return a.toObject()->identity() == b.toObject()->identity();
     default:
         return false;
     }

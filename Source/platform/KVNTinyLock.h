@@ -6,13 +6,13 @@
 #include <functional>
 #include <mutex>
 
-// A four-byte lock for objects that exist a million times: uncontended it is one
-// atomic exchange, contended it sleeps on the word (futex) instead of spinning.
+// A one-byte lock for objects that exist a million times: uncontended it is one
+// atomic exchange, contended it sleeps (atomic wait) instead of spinning.
 class KVNTinyLock {
 public:
     void lock()
     {
-        uint32_t expected = 0;
+        uint8_t expected = 0;
         if (state_.compare_exchange_strong(expected, 1, std::memory_order_acquire))
             return;
         // 2 marks "held, and someone may be waiting".
@@ -21,7 +21,7 @@ public:
     }
     bool try_lock()
     {
-        uint32_t expected = 0;
+        uint8_t expected = 0;
         return state_.compare_exchange_strong(expected, 1, std::memory_order_acquire);
     }
     void unlock()
@@ -31,7 +31,7 @@ public:
     }
 
 private:
-    std::atomic<uint32_t> state_{0};
+    std::atomic<uint8_t> state_{0};
 };
 
 // A fixed pool of leaf locks chosen by address, for state that many small

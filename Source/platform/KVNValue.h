@@ -8,6 +8,7 @@
 #include <compare>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <variant>
 
 // A modification time with the nanoseconds the file system keeps, so that equal
@@ -37,12 +38,7 @@ public:
         return v ? KVNValue(Storage(std::in_place_index<6>, std::move(v))) : KVNValue();
     }
     // An object held by an intrusive count: the value holds one count on it.
-    template <typename T> static KVNValue fromObject(const KVNRef<T> &v)
-    {
-        if (!v)
-            return KVNValue();
-        return fromObject(std::shared_ptr<const KVNKeyValueCoding>(v.get(), [held = v](const KVNKeyValueCoding *) {}));
-    }
+    template <typename T> static KVNValue fromObject(const KVNRef<T> &v);
 
     Type type() const { return Type(storage_.index()); }
     bool isNil() const { return storage_.index() == 0; }
@@ -66,4 +62,40 @@ class KVNKeyValueCoding {
 public:
     virtual ~KVNKeyValueCoding() = default;
     virtual KVNValue valueForKey(QStringView key) const = 0;
+    // What equality of object values compares: the object that answers.
+    virtual const void *identity() const { return this; }
 };
+
+// Stands in for an object that answers valueForKey without a virtual table of
+// its own (a node: a million of them would each carry the pointer).
+template <typename T> class KVNKeyValueHolder final : public KVNKeyValueCoding {
+public:
+    explicit KVNKeyValueHolder(KVNRef<T> object) : object_(std::move(object)) {}
+    KVNValue valueForKey(QStringView key) const override { return object_->valueForKey(key); }
+    const void *identity() const override { return object_.get(); }
+
+private:
+    KVNRef<T> object_;
+};
+
+// The same for the time of one call, holding nothing: what a predicate
+// evaluates a row or a node through.
+template <typename T> class KVNKeyValueView final : public KVNKeyValueCoding {
+public:
+    explicit KVNKeyValueView(const T &object) : object_(object) {}
+    KVNValue valueForKey(QStringView key) const override { return object_.valueForKey(key); }
+    const void *identity() const override { return &object_; }
+
+private:
+    const T &object_;
+};
+
+template <typename T> KVNValue KVNValue::fromObject(const KVNRef<T> &v)
+{
+    if (!v)
+        return KVNValue();
+    if constexpr (std::is_base_of_v<KVNKeyValueCoding, T>)
+        return fromObject(std::shared_ptr<const KVNKeyValueCoding>(v.get(), [held = v](const KVNKeyValueCoding *) {}));
+    else
+        return fromObject(std::make_shared<const KVNKeyValueHolder<T>>(v));
+}

@@ -68,6 +68,25 @@ struct KVNDirDiffTableElement::Children {
 
 KVNDirDiffTableElement::KVNDirDiffTableElement() = default;
 
+// A row is made a million times: seven words and its counts.
+static_assert(sizeof(void *) != 8 || sizeof(KVNDirDiffTableElement) <= 56);
+
+namespace {
+// No path nests this deep; a transient node's depth, the largest, lands here too.
+constexpr uint16_t kDepthUnknown = 0xFFFF;
+} // namespace
+
+uint32_t KVNDirDiffTableElement::depthHint() const
+{
+    const uint16_t depth = depthHint_.load(std::memory_order_relaxed);
+    return depth == kDepthUnknown ? KVNFileNode::KVNTransientDepthHint : depth;
+}
+
+void KVNDirDiffTableElement::setDepthHint(uint32_t depth)
+{
+    depthHint_.store(uint16_t(std::min<uint32_t>(depth, kDepthUnknown)), std::memory_order_relaxed);
+}
+
 KVNDirDiffTableElementPtr KVNDirDiffTableElement::make(const KVNFileNodePtr &leftNode, const KVNFileNodePtr &rightNode)
 {
     auto element = KVNMakeRef<KVNDirDiffTableElement>();
@@ -457,13 +476,8 @@ KVNValue KVNDirDiffTableElement::valueForKey(QStringView key) const
     if (key == u"labelRight")
         return KVNValue::fromString(labelRight());
     if (key == u"parentElement") {
-        auto parent = parentElement();
-        if (!parent)
-            return KVNValue::fromObject(nullptr);
         // The value keeps the row alive as long as it is held.
-        const KVNKeyValueCoding *object = parent.get();
-        return KVNValue::fromObject(
-            std::shared_ptr<const KVNKeyValueCoding>(object, [keep = std::move(parent)](const void *) mutable {}));
+        return KVNValue::fromObject(parentElement());
     }
     // Everything else a row answers from its left node, or its right one.
     auto node = primaryNode();

@@ -20,8 +20,9 @@ using KVNDirDiffTableElementPtr = KVNRef<KVNDirDiffTableElement>;
 // relative path. It reads one result out of its two nodes, keeps a merge
 // direction, defaults it when a result arrives, and sums its children's
 // directions into a directory's. A table holds a row for every item, so a
-// row is counted in place (KVNRef) and keeps its small fields small.
-class KVNDirDiffTableElement final : public KVNKeyValueCoding, public KVNNodeObserver {
+// row is counted in place (KVNRef), keeps its small fields small and has no
+// virtual table of its own for predicates (they reach it through a view).
+class KVNDirDiffTableElement final : public KVNNodeObserver {
 public:
     static constexpr uint64_t kNoRowLayerIndex = ~uint64_t(0);
 
@@ -35,8 +36,8 @@ public:
     void setLeftNode(const KVNFileNodePtr &node);
     void setRightNode(const KVNFileNodePtr &node);
 
-    uint32_t depthHint() const { return depthHint_.load(std::memory_order_relaxed); }
-    void setDepthHint(uint32_t depth) { depthHint_.store(depth, std::memory_order_relaxed); }
+    uint32_t depthHint() const;
+    void setDepthHint(uint32_t depth);
     uint64_t rowLayerIndex() const { return kNoRowLayerIndex; }
 
     KVNDirDiffTableElementPtr parentElement() const;
@@ -88,7 +89,7 @@ public:
     void observeValueForKeyPath(KVNNodeKey key, KVNFileNode &node) override;
     bool retainObserver() noexcept override { return KVNRefDetail::tryRetain(this); }
     void releaseObserver() noexcept override { KVNRefDetail::release(this); }
-    KVNValue valueForKey(QStringView key) const override;
+    KVNValue valueForKey(QStringView key) const;
 
 private:
     static QString label(const KVNFileNodePtr &node);
@@ -103,9 +104,9 @@ private:
 
     // Taken alone, or a parent's and then a child's: rows nest from parent to child.
     mutable KVNTinyLock lock_;
-    mutable std::atomic<uint32_t> cachedHash_{0}; // 0 until worked out
-    std::atomic<uint32_t> depthHint_{0};
     std::atomic<uint8_t> mergeDirection_{KVNMergeDirectionNone};
+    std::atomic<uint16_t> depthHint_{0};          // kDepthUnknown stands for every depth it cannot hold
+    mutable std::atomic<uint32_t> cachedHash_{0}; // 0 until worked out
     KVNFileNodePtr leftNode_;
     KVNFileNodePtr rightNode_;
     KVNWeakRef<KVNDirDiffTableElement> parentElement_;
