@@ -9,6 +9,7 @@
 
 #include <QTest>
 
+#include <atomic>
 #include <thread>
 
 class TestFileNode : public QObject {
@@ -184,6 +185,67 @@ private slots:
             thread.join();
         QCOMPARE(dir->diffResult(), 5);
         QCOMPARE(root->diffResult(), 5);
+    }
+
+    void observersFollowTheNodeThroughItsExtras()
+    {
+        // A counting observer that is never on its way out.
+        struct Counter : KVNNodeObserver {
+            std::atomic<int> told{0};
+            void observeValueForKeyPath(KVNNodeKey, KVNFileNode &) override { ++told; }
+            bool retainObserver() noexcept override { return true; }
+            void releaseObserver() noexcept override {}
+        };
+        KVNTestTree tree;
+        tree.file("d/a.txt", "a");
+        const auto lookup = scan(tree.root())->fileTree()->relativeLookupDict();
+        // A file starts with no Extras, a directory with them: both must keep
+        // the first observer when later needs (a kind, a second observer) arrive.
+        for (const char *key : {"./d/a.txt", "./d"}) {
+            const KVNFileNodePtr node = (*lookup)[key];
+            Counter first, second;
+            node->addObserver(&first);
+            node->setDiffResult(KVNDiffResultSame);
+            QVERIFY(!node->spotlightItemKind().isEmpty());
+            node->addObserver(&second);
+            node->setCrc32(7);
+            node->setDiffResult(KVNDiffResultDiffer);
+            node->removeObserver(&first);
+            node->setFileAttrs(node->fileAttrs());
+            node->removeObserver(&second);
+            node->setDiffResult(KVNDiffResultSame);
+            QCOMPARE(first.told.load(), 2);
+            QCOMPARE(second.told.load(), 2);
+        }
+
+        // Observers come and go on several threads while results and kinds are asked.
+        const KVNFileNodePtr node = (*lookup)["./d/a.txt"];
+        std::vector<Counter> counters(4);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 2000; ++i) {
+                    node->addObserver(&counters[size_t(t)]);
+                    node->setDiffResult(i % 2 ? KVNDiffResultSame : KVNDiffResultDiffer);
+                    if (i % 500 == 0)
+                        node->spotlightItemKind();
+                    node->removeObserver(&counters[size_t(t)]);
+                }
+            });
+        for (auto &thread : threads)
+            thread.join();
+        // Each thread's own change reaches its own observer; others' may too.
+        int total = 0;
+        for (const Counter &counter : counters) {
+            QVERIFY(counter.told.load() >= 2000);
+            total += counter.told.load();
+        }
+        // All of them are gone: a change now tells nobody.
+        node->setDiffResult(KVNDiffResultDiffer);
+        int after = 0;
+        for (const Counter &counter : counters)
+            after += counter.told.load();
+        QCOMPARE(after, total);
     }
 
     void sizesAndLabels()
