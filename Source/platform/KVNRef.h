@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KVNSmallObjectPool.h"
+
 #include <QHashFunctions>
 
 #include <atomic>
@@ -72,6 +74,23 @@ namespace KVNRefDetail {
 template <typename T> constexpr bool kCountsItself = std::is_base_of_v<KVNRefCounted<T>, T>;
 template <typename T> constexpr std::size_t kHeader = (sizeof(KVNRefCounts) + alignof(T) - 1) / alignof(T) * alignof(T);
 
+// Counts and object together, from the small-object pool when it can align them.
+template <typename T> constexpr std::size_t kBlock = kHeader<T> + sizeof(T);
+template <typename T> void *allocateBlock()
+{
+    if constexpr (alignof(T) <= 8)
+        return KVNSmallObjectPool::allocate(kBlock<T>);
+    else
+        return ::operator new(kBlock<T>);
+}
+template <typename T> void freeBlock(void *memory) noexcept
+{
+    if constexpr (alignof(T) <= 8)
+        KVNSmallObjectPool::deallocate(memory, kBlock<T>);
+    else
+        ::operator delete(memory);
+}
+
 template <typename T> KVNRefCounts &counts(const T *object)
 {
     return *std::launder(
@@ -101,7 +120,7 @@ template <typename T> void releaseWeak(const T *object)
     } else if (counts(object).weak.fetch_sub(1, std::memory_order_acq_rel) == 1) {
         KVNRefCounts *header = &counts(object);
         header->~KVNRefCounts();
-        ::operator delete(static_cast<void *>(header));
+        freeBlock<T>(header);
     }
 }
 
@@ -196,14 +215,14 @@ template <typename T, typename... Args> KVNRef<T> KVNMakeRef(Args &&...args)
 {
     static_assert(!KVNRefDetail::kCountsItself<T>, "a class that counts itself makes its own objects");
     static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "over-aligned objects need their own allocation");
-    void *memory = ::operator new(KVNRefDetail::kHeader<T> + sizeof(T));
+    void *memory = KVNRefDetail::allocateBlock<T>();
     auto *header = new (memory) KVNRefCounts;
     T *object;
     try {
         object = new (static_cast<char *>(memory) + KVNRefDetail::kHeader<T>) T(std::forward<Args>(args)...);
     } catch (...) {
         header->~KVNRefCounts();
-        ::operator delete(memory);
+        KVNRefDetail::freeBlock<T>(memory);
         throw;
     }
     return KVNRef<T>::adopt(object);
