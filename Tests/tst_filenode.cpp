@@ -187,6 +187,37 @@ private slots:
         QCOMPARE(root->diffResult(), 5);
     }
 
+    void attributesRoundTripExactly()
+    {
+        // Ordinary values are kept packed, extreme ones beside the node: both come back as set.
+        auto root = KVNFileNode::make("/b", "./", nullptr, 0);
+        const int64_t farSeconds = int64_t(1) << 33;
+        const std::vector<KVNFileAttributes> cases = {
+            {KVNFileType::Regular, true, 0, {0, 0}},
+            {KVNFileType::Regular, true, (uint64_t(1) << 48) - 1, {1700000000, 999999999}},
+            {KVNFileType::Regular, true, uint64_t(1) << 48, {1700000000, 1}},
+            {KVNFileType::Other, true, ~uint64_t(0), {-1, 5}},
+            {KVNFileType::SymbolicLink, true, 12, {farSeconds - 1, 7}},
+            {KVNFileType::Directory, false, 0, {farSeconds, 0}},
+            {KVNFileType::Regular, true, 3, {-farSeconds, 999999999}},
+            {KVNFileType::Regular, true, 3, {-farSeconds - 1, 0}},
+            {KVNFileType::Regular, true, 3, {INT64_MIN, 0}},
+        };
+        for (const auto &attrs : cases) {
+            // Names that end inside the node's last word and well past it.
+            for (const QByteArray &name : {QByteArray("a"), QByteArray("sixchr"), QByteArray(200, 'n')}) {
+                auto node = KVNFileNode::makeChild(root, name);
+                node->setFileAttrs(attrs);
+                QCOMPARE(node->fileAttrs(), std::optional<KVNFileAttributes>(attrs));
+                QCOMPARE(node->modifiedDate(), std::optional<KVNDate>(attrs.modificationDate));
+                QCOMPARE(node->isDirectory(), attrs.fileType == KVNFileType::Directory);
+                QCOMPARE(node->name(), name);
+                node->setFileAttrs(std::nullopt);
+                QVERIFY(!node->fileAttrs() && !node->modifiedDate());
+            }
+        }
+    }
+
     void observersFollowTheNodeThroughItsExtras()
     {
         // A counting observer that is never on its way out.

@@ -126,7 +126,7 @@ private slots:
         const Pool::Usage full = Pool::usage();
         if (pooled(asked)) {
             QCOMPARE(full.liveBytes - before.liveBytes, count * roundedSize(asked));
-            QVERIFY(full.chunks - before.chunks >= count * roundedSize(asked) / kChunk);
+            QVERIFY(full.chunks * kChunk >= full.liveBytes);
             QCOMPARE(full.reservedBytes, full.chunks * kChunk);
         } else {
             QCOMPARE(full.liveBytes, before.liveBytes);
@@ -156,8 +156,8 @@ private slots:
             Pool::deallocate(object, asked);
         const Pool::Usage after = Pool::usage();
         QCOMPARE(after.liveBytes, before.liveBytes);
-        // One empty chunk per class stays behind.
-        QVERIFY(after.chunks <= before.chunks + 1);
+        // A few empty chunks per class stay behind.
+        QVERIFY(after.chunks <= before.chunks + Pool::kSpareChunks);
     }
 
     void emptyChunksGoBackToTheSystem()
@@ -174,9 +174,10 @@ private slots:
         }
         const Pool::Usage full = Pool::usage();
         // No header in front of each object: 77 bytes cost 80 and a share of
-        // each chunk's header and tail, where a malloc block costs 96.
+        // each chunk's header and tail (less where spare chunks are reused),
+        // where a malloc block costs 96.
         const double reservedPerObject = double(full.reservedBytes - before.reservedBytes) / kCount;
-        QVERIFY2(reservedPerObject > 79 && reservedPerObject < 81, qPrintable(QString::number(reservedPerObject)));
+        QVERIFY2(reservedPerObject > 70 && reservedPerObject < 81, qPrintable(QString::number(reservedPerObject)));
         const long residentFull = statusKiB("VmRSS");
 
         // Freed from the middle outwards, so chunks empty in no particular order.
@@ -186,11 +187,12 @@ private slots:
             Pool::deallocate(object, kSize);
         const Pool::Usage empty = Pool::usage();
         QCOMPARE(empty.liveBytes, before.liveBytes);
-        QVERIFY2(empty.chunks <= before.chunks + 1, qPrintable(QString("%1 chunks kept").arg(empty.chunks)));
+        QVERIFY2(empty.chunks <= before.chunks + Pool::kSpareChunks,
+                 qPrintable(QString("%1 chunks kept").arg(empty.chunks)));
         const long returnedKiB = residentFull - statusKiB("VmRSS");
         QVERIFY2(returnedKiB * 1024 > long(kCount * 80 / 2), qPrintable(QString("%1 KiB returned").arg(returnedKiB)));
 
-        // The kept chunk serves the next object, and takes it back, without
+        // A kept chunk serves the next object, and takes it back, without
         // going to the system.
         void *again = Pool::allocate(kSize);
         QCOMPARE(Pool::usage().chunks, empty.chunks);
@@ -270,8 +272,8 @@ private slots:
         QVERIFY(consistent);
         const Pool::Usage after = Pool::usage();
         QCOMPARE(after.liveBytes, before.liveBytes);
-        // At most the one empty chunk each class keeps.
-        QVERIFY(after.chunks <= before.chunks + Pool::kMaxSize / 8);
+        // At most the empty chunks each class keeps.
+        QVERIFY(after.chunks <= before.chunks + Pool::kMaxSize / 8 * Pool::kSpareChunks);
     }
 
     // Rows and other counted objects: the memory stays while a weak reference

@@ -1,6 +1,7 @@
 #include "KVNFileNode.h"
 
 #include "KVNPathBytes.h"
+#include "KVNSmallObjectPool.h"
 
 #include <QMimeDatabase>
 #include <QVarLengthArray>
@@ -49,7 +50,7 @@ struct KVNNodeAnchor {
 };
 
 // What a directory needs; a plain file has none.
-struct KVNFileNode::Extras {
+struct KVNFileNode::Extras : KVNPooled {
     std::vector<KVNFileNodePtr> children;     // only the scan adds, before anyone else sees the tree
     KVNNodeObserver *firstObserver = nullptr; // guarded by a striped lock
     std::unique_ptr<Rare> rare;               // guarded by a striped lock; an anchor's is made with it
@@ -60,18 +61,52 @@ struct KVNFileNode::Rare {
     std::unique_ptr<const KVNNodeAnchor> anchor;  // set when the node is made, never changed
     std::vector<KVNNodeObserver *> moreObservers; // guarded by a striped lock
     QString spotlightItemKind;                    // guarded by a striped lock
+    KVNFileAttributes exoticAttrs;                // guarded by a striped lock; see KVNPackedAttributes
 };
 
-// A node is counted by the million: keep it to seven words before its name.
-static_assert(sizeof(void *) != 8 || sizeof(KVNFileNode) <= 56);
+// A node is counted by the million: seven words, the last shared with the
+// start of its name.
+static_assert(sizeof(void *) != 8 || sizeof(KVNFileNode) == 56);
+
+namespace {
+
+// The attributes in two words: size, type and presence in one, the time in
+// nanoseconds' room beside the seconds in the other. Sizes from 2^48 and
+// times beyond some 270 years either side of 1970 do not fit; those keep
+// their exact value beside the node (kExotic).
+namespace KVNPackedAttributes {
+constexpr int kSizeBits = 48;
+constexpr uint64_t kSizeMask = (uint64_t(1) << kSizeBits) - 1;
+constexpr uint64_t kHasAttrs = uint64_t(1) << 50;
+constexpr uint64_t kHasSize = uint64_t(1) << 51;
+constexpr uint64_t kExotic = uint64_t(1) << 52;
+constexpr int kTypeShift = 48;
+constexpr int kNanosecondBits = 30;
+constexpr int64_t kSecondsLimit = int64_t(1) << (63 - kNanosecondBits);
+
+bool fits(const KVNFileAttributes &attrs)
+{
+    const int64_t seconds = attrs.modificationDate.seconds;
+    return attrs.fileSize <= kSizeMask && seconds >= -kSecondsLimit && seconds < kSecondsLimit &&
+           attrs.modificationDate.nanoseconds < (1u << kNanosecondBits);
+}
+} // namespace KVNPackedAttributes
+
+} // namespace
+
+std::size_t KVNFileNode::blockSize(std::size_t nameSize)
+{
+    return sizeof(KVNFileNode) - kNameHeadSize + std::max(nameSize + 1, kNameHeadSize);
+}
 
 KVNFileNode *KVNFileNode::allocate(QByteArrayView name)
 {
     if (name.size() > 0xFFFF)
         throw std::length_error("a file name longer than 65535 bytes");
-    void *memory = ::operator new(sizeof(KVNFileNode) + std::size_t(name.size()) + 1);
+    void *memory = KVNSmallObjectPool::allocate(blockSize(std::size_t(name.size())));
     auto *node = new (memory) KVNFileNode();
-    char *bytes = reinterpret_cast<char *>(node + 1);
+    // Through the block, not the member: the name runs past the member's end.
+    char *bytes = static_cast<char *>(memory) + (node->nameHead_ - reinterpret_cast<char *>(node));
     if (!name.isEmpty())
         std::memcpy(bytes, name.data(), std::size_t(name.size()));
     bytes[name.size()] = 0;
@@ -81,8 +116,9 @@ KVNFileNode *KVNFileNode::allocate(QByteArrayView name)
 
 void KVNFileNode::destroy(KVNFileNode *node)
 {
+    const std::size_t size = blockSize(node->nameSize_);
     node->~KVNFileNode();
-    ::operator delete(static_cast<void *>(node));
+    KVNSmallObjectPool::deallocate(node, size);
 }
 
 KVNFileNode::~KVNFileNode()
@@ -254,27 +290,39 @@ KVNWeakRef<KVNFileNode> KVNFileNode::directoryNode() const
 
 std::optional<KVNFileAttributes> KVNFileNode::fileAttrs() const
 {
+    using namespace KVNPackedAttributes;
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    if (!(attrFlags_ & kHasAttrs))
+    if (!(sizeAndType_ & kHasAttrs))
         return std::nullopt;
+    if (sizeAndType_ & kExotic)
+        return extrasIfAny()->rare->exoticAttrs;
     KVNFileAttributes attrs;
-    attrs.fileType = fileType_;
-    attrs.hasSize = attrFlags_ & kHasSize;
-    attrs.fileSize = fileSize_;
-    attrs.modificationDate = KVNDate{modifiedSeconds_, modifiedNanoseconds_};
+    attrs.fileType = KVNFileType((sizeAndType_ >> kTypeShift) & 3);
+    attrs.hasSize = sizeAndType_ & kHasSize;
+    attrs.fileSize = sizeAndType_ & kSizeMask;
+    attrs.modificationDate =
+        KVNDate{modified_ >> kNanosecondBits, uint32_t(modified_ & ((int64_t(1) << kNanosecondBits) - 1))};
     return attrs;
 }
 
 void KVNFileNode::setFileAttrs(const std::optional<KVNFileAttributes> &attrs)
 {
     {
+        using namespace KVNPackedAttributes;
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
         const KVNFileAttributes value = attrs.value_or(KVNFileAttributes());
-        attrFlags_ = uint8_t((attrs ? kHasAttrs : 0) | (value.hasSize ? kHasSize : 0));
-        fileType_ = value.fileType;
-        fileSize_ = value.fileSize;
-        modifiedSeconds_ = value.modificationDate.seconds;
-        modifiedNanoseconds_ = value.modificationDate.nanoseconds;
+        const uint64_t present = (attrs ? kHasAttrs : 0) | (value.hasSize ? kHasSize : 0);
+        if (fits(value)) {
+            sizeAndType_ = present | uint64_t(value.fileType) << kTypeShift | value.fileSize;
+            modified_ = int64_t(uint64_t(value.modificationDate.seconds) << kNanosecondBits) |
+                        int64_t(value.modificationDate.nanoseconds);
+        } else {
+            auto &rare = extrasLocked().rare;
+            if (!rare)
+                rare = std::make_unique<Rare>();
+            rare->exoticAttrs = value;
+            sizeAndType_ = present | kExotic | uint64_t(value.fileType) << kTypeShift;
+        }
     }
     notifyObservers(KVNNodeKey::FileAttrs);
 }
@@ -430,16 +478,17 @@ QString KVNFileNode::displayRelativePath() const
 
 std::optional<KVNDate> KVNFileNode::modifiedDate() const
 {
-    std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    if (!(attrFlags_ & kHasAttrs))
+    auto attrs = fileAttrs();
+    if (!attrs)
         return std::nullopt;
-    return KVNDate{modifiedSeconds_, modifiedNanoseconds_};
+    return attrs->modificationDate;
 }
 
 bool KVNFileNode::isDirectory() const
 {
+    using namespace KVNPackedAttributes;
     std::lock_guard guard(KVNStripedLocks::forAddress(this));
-    return (attrFlags_ & kHasAttrs) && fileType_ == KVNFileType::Directory;
+    return (sizeAndType_ & kHasAttrs) && KVNFileType((sizeAndType_ >> kTypeShift) & 3) == KVNFileType::Directory;
 }
 
 bool KVNFileNode::isApplication() const

@@ -80,10 +80,7 @@ public:
     // Derived values
     QByteArray name() const { return QByteArray(nameData(), nameSize_); } // raw bytes; empty on a root
     QByteArrayView nameView() const { return QByteArrayView(nameData(), nameSize_); }
-    const char *nameData() const
-    {
-        return reinterpret_cast<const char *>(this + 1);
-    } // stored behind the node, NUL-ended
+    const char *nameData() const { return nameHead_; } // NUL-ended, from the node's last bytes onwards
     QByteArray absolutePath() const;
     // The absolute path of the directory that holds the node (on a root, the root's own).
     QByteArray directoryPath() const;
@@ -120,12 +117,13 @@ public:
 
 private:
     friend class KVNRefCounted<KVNFileNode>;
-    enum Flags : uint8_t { kRoot = 1, kTransient = 2, kHasAttrs = 4, kHasSize = 8, kAnchored = 16 };
+    enum Flags : uint8_t { kRoot = 1, kTransient = 2, kAnchored = 16 };
     struct Extras;
     struct Rare;
     // link_ holds the one observer of a plain node, or (tagged) its Extras.
     static constexpr std::uintptr_t kExtrasTag = 1;
 
+    static std::size_t blockSize(std::size_t nameSize);
     static KVNFileNode *allocate(QByteArrayView name);
     static void destroy(KVNFileNode *node);
     KVNFileNode() = default;
@@ -150,14 +148,17 @@ private:
     // An observer (untagged, guarded by a striped lock) or the Extras: children,
     // observers, a cached kind, an anchor's location. Extras never go away.
     std::atomic<std::uintptr_t> link_{0};
-    uint64_t fileSize_ = 0; // the attributes: guarded by a striped lock
-    int64_t modifiedSeconds_ = 0;
-    uint32_t modifiedNanoseconds_ = 0;
+    // The attributes, packed (KVNPackedAttributes) and guarded by a striped lock.
+    uint64_t sizeAndType_ = 0;
+    int64_t modified_ = 0;
     std::atomic<uint32_t> crc32_{0};
     std::atomic<int8_t> diffResult_{KVNDiffResultUnknown}; // one of the few KVNDiffResult values
     KVNTinyLock monitor_;                                  // taken by setDiffResult; nests from child to parent
     uint16_t nameSize_ = 0;
-    KVNFileType fileType_ = KVNFileType::Regular; // guarded like the attributes
-    uint8_t attrFlags_ = 0;                       // kHasAttrs, kHasSize: guarded like the attributes
-    uint8_t flags_ = 0;                           // fixed once the node is made
+    uint8_t flags_ = 0; // fixed once the node is made
+    // The name starts here and runs on past the node's end in the same block.
+    char nameHead_[7] = {};
+
+public:
+    static constexpr std::size_t kNameHeadSize = sizeof(nameHead_);
 };

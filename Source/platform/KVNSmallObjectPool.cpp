@@ -44,7 +44,8 @@ static_assert(sizeof(Chunk) <= kChunkHeader);
 struct alignas(64) SizeClass {
     KVNTinyLock lock;
     Chunk *withRoom = nullptr;
-    Chunk *spare = nullptr; // the one empty chunk kept against thrashing
+    Chunk *spare = nullptr; // empty chunks kept against thrashing, linked by next
+    std::size_t spares = 0;
     std::size_t chunks = 0;
     std::size_t liveObjects = 0;
 };
@@ -124,8 +125,10 @@ void *allocate(std::size_t size)
     SizeClass &owner = gClasses[sizeClass];
     std::unique_lock guard(owner.lock);
     if (!owner.withRoom) {
-        if (owner.spare) {
-            link(owner, std::exchange(owner.spare, nullptr));
+        if (Chunk *spare = owner.spare) {
+            owner.spare = spare->next;
+            --owner.spares;
+            link(owner, spare);
         } else {
             // The system call and its page fault happen outside the lock; a
             // chunk another thread added meanwhile simply joins the list.
@@ -176,8 +179,10 @@ void deallocate(void *memory, std::size_t size) noexcept
                 unlink(owner, chunk);
             chunk->freeList = nullptr;
             chunk->unused = chunk->firstObject();
-            if (!owner.spare) {
+            if (owner.spares < kSpareChunks) {
+                chunk->next = owner.spare;
                 owner.spare = chunk;
+                ++owner.spares;
             } else {
                 release = chunk;
                 --owner.chunks;

@@ -6,8 +6,8 @@
 // no header in front of each object. Objects live in 64 KiB chunks of one size
 // class each; the chunk is found from the address and the class from the size
 // the caller passes back, so a caller must give deallocate exactly the size it
-// asked allocate for. A chunk whose last object goes is given back to the
-// system, so a closed comparison returns its memory.
+// asked allocate for. Chunks whose last object goes are given back to the
+// system beyond a few spares, so a closed comparison returns its memory.
 //
 // Under AddressSanitizer the pool hands everything to ::operator new and
 // ::operator delete, so that use-after-free, leaks and a wrong size passed back
@@ -15,6 +15,10 @@
 namespace KVNSmallObjectPool {
 
 inline constexpr std::size_t kMaxSize = 256; // larger requests go to ::operator new
+// Empty chunks (64 KiB each) a size class keeps for its next objects: a rescan
+// frees a whole fresh tree and builds the next, and mapping and faulting the
+// chunks in again would cost more than the scan saves. Beyond this they go back.
+inline constexpr std::size_t kSpareChunks = 32;
 
 #if defined(__SANITIZE_ADDRESS__)
 inline constexpr bool kPassesThrough = true;
@@ -43,3 +47,12 @@ struct Usage {
 Usage usage();
 
 } // namespace KVNSmallObjectPool
+
+// A base that makes a class's new and delete go to the pool.
+struct KVNPooled {
+    static void *operator new(std::size_t size) { return KVNSmallObjectPool::allocate(size); }
+    static void operator delete(void *memory, std::size_t size) noexcept
+    {
+        KVNSmallObjectPool::deallocate(memory, size);
+    }
+};

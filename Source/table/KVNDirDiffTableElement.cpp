@@ -1,6 +1,7 @@
 #include "KVNDirDiffTableElement.h"
 
 #include "KVNPathBytes.h"
+#include "KVNSmallObjectPool.h"
 
 #include <QDateTime>
 #include <QHashFunctions>
@@ -55,7 +56,7 @@ uint64_t summaryFor(bool left, bool right, bool none, bool childrenLeft, bool ch
 // The rows below a directory, and how many of them have each direction, so
 // that a directory sums up its children without visiting them: a change that
 // climbs to the top costs the depth, not the width, of the tree.
-struct KVNDirDiffTableElement::Children {
+struct KVNDirDiffTableElement::Children : KVNPooled {
     std::vector<KVNDirDiffTableElementPtr> list;
     std::atomic<int32_t> directionCounts[6] = {};
 
