@@ -8,13 +8,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <stdexcept>
 
 namespace {
-
-const std::vector<KVNFileNodePtr> kNoChildren;
 
 // Directories that hold an application or another kind of package; a package
 // is shown with a size and an application is never rolled up. Asked per row,
@@ -49,9 +48,67 @@ struct KVNNodeAnchor {
     uint32_t depthHint = 0;
 };
 
+namespace {
+
+// A directory's children: a pooled array, as large as the scan asks for.
+class ChildList {
+public:
+    ChildList() = default;
+    ChildList(const ChildList &) = delete;
+    ChildList &operator=(const ChildList &) = delete;
+    ~ChildList() { clear(); }
+
+    std::span<const KVNFileNodePtr> view() const { return {items_, size_}; }
+    bool empty() const { return size_ == 0; }
+    void reserve(std::size_t count)
+    {
+        if (count > capacity_)
+            grow(count);
+    }
+    void push_back(const KVNFileNodePtr &node)
+    {
+        if (size_ == capacity_)
+            grow(std::max<std::size_t>(4, std::size_t(capacity_) * 2));
+        new (items_ + size_) KVNFileNodePtr(node);
+        ++size_;
+    }
+    void swap(ChildList &other) noexcept
+    {
+        std::swap(items_, other.items_);
+        std::swap(size_, other.size_);
+        std::swap(capacity_, other.capacity_);
+    }
+    void clear() noexcept
+    {
+        std::destroy_n(items_, size_);
+        KVNSmallObjectPool::deallocate(items_, capacity_ * sizeof(KVNFileNodePtr));
+        items_ = nullptr;
+        size_ = capacity_ = 0;
+    }
+
+private:
+    void grow(std::size_t capacity)
+    {
+        if (capacity > UINT32_MAX)
+            throw std::length_error("more than 2^32 entries in one directory");
+        auto *items = static_cast<KVNFileNodePtr *>(KVNSmallObjectPool::allocate(capacity * sizeof(KVNFileNodePtr)));
+        std::uninitialized_move_n(items_, size_, items);
+        std::destroy_n(items_, size_);
+        KVNSmallObjectPool::deallocate(items_, capacity_ * sizeof(KVNFileNodePtr));
+        items_ = items;
+        capacity_ = uint32_t(capacity);
+    }
+
+    KVNFileNodePtr *items_ = nullptr;
+    uint32_t size_ = 0;
+    uint32_t capacity_ = 0;
+};
+
+} // namespace
+
 // What a directory needs; a plain file has none.
 struct KVNFileNode::Extras : KVNPooled {
-    std::vector<KVNFileNodePtr> children;     // only the scan adds, before anyone else sees the tree
+    ChildList children;                       // only the scan adds, before anyone else sees the tree
     KVNNodeObserver *firstObserver = nullptr; // guarded by a striped lock
     std::unique_ptr<Rare> rare;               // guarded by a striped lock; an anchor's is made with it
 };
@@ -133,7 +190,7 @@ KVNFileNode::~KVNFileNode()
 void KVNFileNode::dispose()
 {
     Extras *extras = extrasIfAny();
-    std::vector<KVNFileNodePtr> children;
+    ChildList children;
     {
         std::lock_guard guard(KVNStripedLocks::forAddress(this));
         if (extras) {
@@ -244,13 +301,13 @@ void KVNFileNode::addChildNode(const KVNFileNodePtr &child)
 void KVNFileNode::reserveChildNodes(std::size_t count)
 {
     auto &children = extras().children;
-    children.reserve(children.size() + count);
+    children.reserve(children.view().size() + count);
 }
 
-const std::vector<KVNFileNodePtr> &KVNFileNode::childNodes() const
+std::span<const KVNFileNodePtr> KVNFileNode::childNodes() const
 {
     const Extras *extras = extrasIfAny();
-    return extras ? extras->children : kNoChildren;
+    return extras ? extras->children.view() : std::span<const KVNFileNodePtr>();
 }
 
 bool KVNFileNode::hasChildNodes() const

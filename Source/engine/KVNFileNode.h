@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 class KVNFileNode;
@@ -58,7 +59,7 @@ public:
     void addChildNode(const KVNFileNodePtr &child);
     // Room for count more children, for a scan that knows how many will come.
     void reserveChildNodes(std::size_t count);
-    const std::vector<KVNFileNodePtr> &childNodes() const; // empty when none (nil)
+    std::span<const KVNFileNodePtr> childNodes() const; // empty when none (nil); stays while the node is in use
     bool hasChildNodes() const;
     // Nil once the parent is no longer in use.
     KVNFileNodePtr parentNode() const;

@@ -37,9 +37,8 @@ void KVNBuildTableOperation::addChildrenOfLeftNode(const KVNFileNodePtr &leftNod
 {
     if (isCancelled())
         return;
-    static const std::vector<KVNFileNodePtr> none;
-    const auto &leftChildren = leftNode ? leftNode->childNodes() : none;
-    const auto &rightChildren = rightNode ? rightNode->childNodes() : none;
+    const auto leftChildren = leftNode ? leftNode->childNodes() : std::span<const KVNFileNodePtr>();
+    const auto rightChildren = rightNode ? rightNode->childNodes() : std::span<const KVNFileNodePtr>();
     QHash<QByteArray, KVNFileNodePtr> leftTable;
     QHash<QByteArray, KVNFileNodePtr> rightTable;
     leftTable.reserve(qsizetype(leftChildren.size()));
