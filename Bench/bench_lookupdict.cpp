@@ -38,6 +38,13 @@ std::vector<KVNFileNodePtr> makeTree(const QByteArray &base, std::size_t count, 
     return nodes;
 }
 
+// Large blocks are mapped on their own and counted apart from the arena.
+std::size_t heapInUse()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
 struct Trees {
     std::vector<KVNFileNodePtr> right, left, other;
     KVNRelativeLookupDict lookup;
@@ -53,11 +60,11 @@ const Trees &trees(std::size_t count)
         slot->right = makeTree("/r", count, "");
         slot->left = makeTree("/l", count, "");
         slot->other = makeTree("/o", count, "x");
-        const std::size_t before = mallinfo2().uordblks;
+        const std::size_t before = heapInUse();
         for (const auto &node : slot->right)
             slot->lookup.insert(node);
         slot->lookup.squeeze();
-        slot->bytesPerNode = double(mallinfo2().uordblks - before) / double(count);
+        slot->bytesPerNode = double(heapInUse() - before) / double(count);
     }
     return *slot;
 }
