@@ -2,6 +2,7 @@
 
 #include "KVNDirDiffTableElement.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,8 +11,9 @@
 #include <vector>
 
 // An ordered list of rows kept in blocks of 512 that lists share until one
-// of them changes a block: a copy costs one count per block, not one per row,
-// and a change copies only the blocks it touches. Growing never moves what is
+// of them changes a block: a copy costs one count per block, not one per row.
+// Appending touches only the last block; an edit elsewhere rebuilds the list
+// from the block it starts in, a block at a time. Growing never moves what is
 // there, so a list holds no room to spare beyond its last block and needs no
 // compaction. A list is a value: it is not itself safe to change from two
 // threads, but copies of it are independent of each other on any thread.
