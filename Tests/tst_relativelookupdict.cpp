@@ -73,6 +73,58 @@ private slots:
         QCOMPARE(order, (std::vector<KVNFileNodePtr>{nodes[0], nodes[2], nodes[3]}));
     }
 
+    // Sizes at and around a power of two (where the index takes one bit more
+    // from the tag), a table grown after it was squeezed, and one large
+    // enough that many keys share a tag: every node is found, a node of a
+    // third tree never is, and iteration keeps insertion order.
+    void everySizeFindsExactlyWhatItHolds_data()
+    {
+        QTest::addColumn<int>("count");
+        QTest::addColumn<int>("addedAfterSqueeze");
+        for (int count : {1, 11, 12, 13, 255, 256, 257, 3071, 3072, 3073})
+            QTest::addRow("%d", count) << count << 0;
+        QTest::newRow("grown after squeeze") << 1000 << 3000;
+        QTest::newRow("one more after squeeze") << 3072 << 1;
+        QTest::newRow("shared tags") << 150000 << 0;
+    }
+    void everySizeFindsExactlyWhatItHolds()
+    {
+        QFETCH(int, count);
+        QFETCH(int, addedAfterSqueeze);
+        const std::size_t total = std::size_t(count + addedAfterSqueeze);
+        QList<QByteArray> paths, absent;
+        for (std::size_t i = 0; i < total; ++i) {
+            paths << "D" + QByteArray::number(i / 100) + "/F" + QByteArray::number(i) + ".c";
+            absent << "E" + QByteArray::number(i / 100) + "/F" + QByteArray::number(i) + ".c";
+        }
+        auto right = makeTree("/r", paths);
+        auto left = makeTree("/l", paths);
+        right.resize(total); // directories count among the nodes
+        left.resize(total);
+        const auto other = makeTree("/o", absent);
+        KVNRelativeLookupDict lookup;
+        for (std::size_t i = 0; i < total; ++i) {
+            if (i == std::size_t(count))
+                lookup.squeeze();
+            lookup.insert(right[i]);
+        }
+        lookup.squeeze();
+        QCOMPARE(lookup.size(), total);
+        QVERIFY(std::equal(lookup.begin(), lookup.end(), right.begin(), right.end()));
+        for (std::size_t i = 0; i < total; ++i) {
+            QVERIFY(lookup.valueMatching(*left[i]) == right[i]);
+            if (i % 7 == 0)
+                QVERIFY(lookup.value(left[i]->lowercaseRelativePath()) == right[i]);
+        }
+        for (const auto &node : other)
+            QVERIFY2(!lookup.valueMatching(*node), node->relativePath().constData());
+        // The same key again replaces the node in its place, squeezed or not.
+        const auto again = makeTree("/again", {left.back()->relativePath().mid(2)});
+        lookup.insert(again.back());
+        QCOMPARE(lookup.size(), total);
+        QVERIFY(lookup.valueMatching(*left.back()) == again.back());
+    }
+
     void aLargeTreeStaysFindableAsTheTableGrows()
     {
         QList<QByteArray> paths;

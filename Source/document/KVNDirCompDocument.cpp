@@ -132,7 +132,7 @@ void KVNDirCompDocument::mergeCancelRefresh()
 
 void KVNDirCompDocument::resetSourceArrayController()
 {
-    const auto old = sourceArrayController_->arrangedObjects();
+    const auto old = sourceArrayController_->arrangedRows();
     std::vector<std::size_t> all(old.size());
     for (std::size_t i = 0; i < all.size(); ++i)
         all[i] = i;
@@ -209,7 +209,7 @@ void KVNDirCompDocument::performTableUpdate()
 void KVNDirCompDocument::scheduleRefreshDiffStatus()
 {
     setStatus(QStringLiteral("Refreshing Diff Status%C"));
-    auto rows = sourceArrayController_->arrangedObjects();
+    auto rows = sourceArrayController_->arrangedRows();
     const uint64_t last = uint64_t(rows.size()) - 1; // wraps on an empty table, as intended
     auto refresh = std::make_shared<KVNRefreshTableOperation>(exclusionPredicate_, last, std::move(rows));
     refresh->setDelegate(weak_from_this());

@@ -5,32 +5,35 @@
 void KVNArrayController::addObjects(const std::vector<KVNDirDiffTableElementPtr> &objects)
 {
     std::lock_guard lock(mutex_);
-    content_.insert(content_.end(), objects.begin(), objects.end());
+    content_.append(objects);
     if (filter_)
-        arranged_.insert(arranged_.end(), objects.begin(), objects.end());
+        arranged_.append(objects);
 }
 
 void KVNArrayController::insertObject(const KVNDirDiffTableElementPtr &object, std::size_t arrangedObjectIndex)
 {
     std::lock_guard lock(mutex_);
     if (!filter_) {
-        content_.insert(content_.begin() + std::min(arrangedObjectIndex, content_.size()), object);
+        content_.insert(arrangedObjectIndex, object);
         return;
     }
     // Into the content before the row that now stands at that arranged place.
-    auto at = arrangedObjectIndex < arranged_.size()
-                  ? std::find(content_.begin(), content_.end(), arranged_[arrangedObjectIndex])
-                  : content_.end();
+    std::size_t at = content_.size();
+    if (arrangedObjectIndex < arranged_.size()) {
+        const auto &before = arranged_[arrangedObjectIndex];
+        at = std::find(content_.begin(), content_.end(), before).index();
+    }
     content_.insert(at, object);
-    arranged_.insert(arranged_.begin() + std::min(arrangedObjectIndex, arranged_.size()), object);
+    arranged_.insert(arrangedObjectIndex, object);
 }
 
 void KVNArrayController::removeObject(const KVNDirDiffTableElementPtr &object)
 {
     std::lock_guard lock(mutex_);
-    std::erase(content_, object);
+    const auto isObject = [&object](std::size_t, const KVNDirDiffTableElementPtr &row) { return row == object; };
+    content_.removeIf(isObject);
     if (filter_)
-        std::erase(arranged_, object);
+        arranged_.removeIf(isObject);
 }
 
 void KVNArrayController::removeObjectsAtArrangedObjectIndexes(const std::vector<std::size_t> &indexes)
@@ -42,20 +45,20 @@ void KVNArrayController::removeObjectsAtArrangedObjectIndexes(const std::vector<
         if (index < doomed.size())
             doomed[index] = true;
     std::vector<KVNDirDiffTableElementPtr> gone;
-    std::vector<KVNDirDiffTableElementPtr> kept;
-    kept.reserve(arranged.size());
-    for (std::size_t i = 0; i < arranged.size(); ++i)
-        (doomed[i] ? gone : kept).push_back(arranged[i]);
+    arranged.removeIf([&](std::size_t index, const KVNDirDiffTableElementPtr &row) {
+        if (doomed[index] && filter_)
+            gone.push_back(row);
+        return bool(doomed[index]);
+    });
     if (filter_) {
-        arranged_.swap(kept);
         std::sort(gone.begin(), gone.end());
-        std::erase_if(content_, [&](const auto &e) { return std::binary_search(gone.begin(), gone.end(), e); });
-    } else {
-        content_.swap(kept);
+        content_.removeIf([&](std::size_t, const KVNDirDiffTableElementPtr &row) {
+            return std::binary_search(gone.begin(), gone.end(), row);
+        });
     }
 }
 
-void KVNArrayController::setContent(std::vector<KVNDirDiffTableElementPtr> content)
+void KVNArrayController::setContent(KVNRowList content)
 {
     std::lock_guard lock(mutex_);
     content_ = std::move(content);
@@ -65,8 +68,8 @@ void KVNArrayController::setContent(std::vector<KVNDirDiffTableElementPtr> conte
 void KVNArrayController::compact()
 {
     std::lock_guard lock(mutex_);
-    content_.shrink_to_fit();
-    arranged_.shrink_to_fit();
+    content_.shrinkToFit();
+    arranged_.shrinkToFit();
 }
 
 void KVNArrayController::setFilterPredicate(const KVNPredicatePtr &predicate)
@@ -93,12 +96,28 @@ void KVNArrayController::rearrangeLocked()
     arranged_.clear();
     if (!filter_)
         return;
-    for (const auto &row : content_)
-        if (filter_->evaluateWithObject(*row))
-            arranged_.push_back(row);
+    // Up to the first row that fails, the arranged rows are the content's own.
+    std::size_t index = 0;
+    auto row = content_.begin();
+    while (row != content_.end() && filter_->evaluateWithObject(**row)) {
+        ++row;
+        ++index;
+    }
+    arranged_ = content_.firstRows(index);
+    if (row == content_.end())
+        return;
+    for (++row; row != content_.end(); ++row)
+        if (filter_->evaluateWithObject(**row))
+            arranged_.append(*row);
 }
 
 std::vector<KVNDirDiffTableElementPtr> KVNArrayController::arrangedObjects() const
+{
+    std::lock_guard lock(mutex_);
+    return arrangedLocked().toVector();
+}
+
+KVNRowList KVNArrayController::arrangedRows() const
 {
     std::lock_guard lock(mutex_);
     return arrangedLocked();
@@ -110,7 +129,7 @@ std::size_t KVNArrayController::arrangedObjectsCount() const
     return arrangedLocked().size();
 }
 
-std::vector<KVNDirDiffTableElementPtr> KVNArrayController::content() const
+KVNRowList KVNArrayController::content() const
 {
     std::lock_guard lock(mutex_);
     return content_;

@@ -2,6 +2,7 @@
 
 #include "KVNDirDiffTableElement.h"
 #include "KVNPredicate.h"
+#include "KVNRowList.h"
 
 #include <cstddef>
 #include <mutex>
@@ -11,13 +12,17 @@
 // are the content in insertion order; with one, they are the content that
 // passes it as of the last rearrangement, plus rows added since. Safe to use
 // from several threads: every call sees a whole batch or none of it.
+//
+// The lists are KVNRowList values: content() and arrangedRows() are snapshots
+// that share the controller's storage until either side changes, so handing
+// one controller's content to another costs no second copy of the rows.
 class KVNArrayController {
 public:
     void addObjects(const std::vector<KVNDirDiffTableElementPtr> &objects);
     void insertObject(const KVNDirDiffTableElementPtr &object, std::size_t arrangedObjectIndex);
     void removeObject(const KVNDirDiffTableElementPtr &object);
     void removeObjectsAtArrangedObjectIndexes(const std::vector<std::size_t> &indexes);
-    void setContent(std::vector<KVNDirDiffTableElementPtr> content);
+    void setContent(KVNRowList content);
     // Gives back the room the lists grew by; for the end of a build.
     void compact();
 
@@ -25,17 +30,18 @@ public:
     KVNPredicatePtr filterPredicate() const;
     void rearrangeObjects();
 
-    std::vector<KVNDirDiffTableElementPtr> arrangedObjects() const; // a snapshot
+    std::vector<KVNDirDiffTableElementPtr> arrangedObjects() const; // a snapshot, copied
+    KVNRowList arrangedRows() const;                                // a snapshot, shared
     std::size_t arrangedObjectsCount() const;
-    std::vector<KVNDirDiffTableElementPtr> content() const;
+    KVNRowList content() const; // a snapshot, shared
 
 private:
     void rearrangeLocked();
-    std::vector<KVNDirDiffTableElementPtr> &arrangedLocked() { return filter_ ? arranged_ : content_; }
-    const std::vector<KVNDirDiffTableElementPtr> &arrangedLocked() const { return filter_ ? arranged_ : content_; }
+    KVNRowList &arrangedLocked() { return filter_ ? arranged_ : content_; }
+    const KVNRowList &arrangedLocked() const { return filter_ ? arranged_ : content_; }
 
     mutable std::mutex mutex_;
-    std::vector<KVNDirDiffTableElementPtr> content_;
-    std::vector<KVNDirDiffTableElementPtr> arranged_; // used only with a filter
+    KVNRowList content_;
+    KVNRowList arranged_; // used only with a filter; shares content_ while every row passes
     KVNPredicatePtr filter_;
 };

@@ -1,7 +1,7 @@
 #include "KVNRefreshTableOperation.h"
 
 KVNRefreshTableOperation::KVNRefreshTableOperation(KVNPredicatePtr exclusionPredicate, uint64_t startingElementIndex,
-                                                   std::vector<KVNDirDiffTableElementPtr> arrangedObjects)
+                                                   KVNRowList arrangedObjects)
     : exclusionPredicate_(std::move(exclusionPredicate)), startingElementIndex_(startingElementIndex),
       arrangedObjects_(std::move(arrangedObjects))
 {}

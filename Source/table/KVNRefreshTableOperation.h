@@ -3,6 +3,7 @@
 #include "KVNDirDiffTableElement.h"
 #include "KVNOperation.h"
 #include "KVNPredicate.h"
+#include "KVNRowList.h"
 
 #include <memory>
 #include <vector>
@@ -25,7 +26,7 @@ public:
     static constexpr std::size_t kStepInterval = 100;
 
     KVNRefreshTableOperation(KVNPredicatePtr exclusionPredicate, uint64_t startingElementIndex,
-                             std::vector<KVNDirDiffTableElementPtr> arrangedObjects);
+                             KVNRowList arrangedObjects);
     void setDelegate(std::weak_ptr<KVNRefreshTableOperationDelegate> delegate) { delegate_ = std::move(delegate); }
     std::size_t elementCount() const { return arrangedObjects_.size(); }
 
@@ -37,6 +38,6 @@ private:
 
     KVNPredicatePtr exclusionPredicate_;
     uint64_t startingElementIndex_;
-    std::vector<KVNDirDiffTableElementPtr> arrangedObjects_;
+    KVNRowList arrangedObjects_; // shares the table's storage
     std::weak_ptr<KVNRefreshTableOperationDelegate> delegate_;
 };

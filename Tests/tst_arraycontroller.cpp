@@ -1,0 +1,290 @@
+// ctest-label: concurrency
+// Row lists share their blocks until one side changes, and the controllers
+// hand each other their content that way: every edit must give what a plain
+// vector would, leave earlier snapshots as they were, and let go of the rows
+// it drops.
+#include "KVNArrayController.h"
+#include "KVNRowList.h"
+
+#include <QTest>
+
+#include <atomic>
+#include <optional>
+#include <set>
+#include <thread>
+
+namespace {
+
+// A row without nodes; its depth hint numbers it.
+KVNDirDiffTableElementPtr row(uint32_t id)
+{
+    auto made = KVNDirDiffTableElement::make(nullptr, nullptr);
+    made->setDepthHint(id);
+    return made;
+}
+
+std::vector<KVNDirDiffTableElementPtr> rows(uint32_t first, uint32_t count)
+{
+    std::vector<KVNDirDiffTableElementPtr> made;
+    for (uint32_t id = first; id < first + count; ++id)
+        made.push_back(row(id));
+    return made;
+}
+
+std::vector<uint32_t> ids(const KVNRowList &list)
+{
+    std::vector<uint32_t> found;
+    for (const auto &r : list)
+        found.push_back(r->depthHint());
+    return found;
+}
+
+KVNPredicatePtr depthIs(int depth)
+{
+    return KVNPredicate::predicateWithFormat(QStringLiteral("depthHint == %1").arg(depth));
+}
+
+} // namespace
+
+class TestArrayController : public QObject {
+    Q_OBJECT
+
+private slots:
+    void listEditsMatchAVectorAndLeaveSnapshotsAlone_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<QString>("edit");
+        QTest::addColumn<int>("at"); // an index, or for "every", the step
+        const int kBlock = int(KVNRowList::kChunkSize);
+        for (int size : {0, 1, kBlock - 1, kBlock, kBlock + 1, 3 * kBlock + 7}) {
+            for (int at : std::set<int>{0, kBlock - 1, kBlock, kBlock + 1, size, size + 3})
+                QTest::addRow("insert %d at %d", size, at) << size << "insert" << at;
+            for (int at : std::set<int>{0, size / 2, kBlock - 1, kBlock, size - 1})
+                if (at >= 0 && at < size)
+                    QTest::addRow("remove %d at %d", size, at) << size << "remove" << at;
+            for (int step : {1, 2, kBlock + 3})
+                QTest::addRow("remove every %dth of %d", step, size) << size << "every" << step;
+            for (int count : std::set<int>{0, 1, kBlock - 1, kBlock, kBlock + 1, size})
+                QTest::addRow("first %d of %d", count, size) << size << "first" << count;
+            QTest::addRow("first %d of %d, alone", kBlock + 1, size) << size << "first alone" << kBlock + 1;
+        }
+    }
+    void listEditsMatchAVectorAndLeaveSnapshotsAlone()
+    {
+        QFETCH(int, size);
+        QFETCH(QString, edit);
+        QFETCH(int, at);
+        // Built both ways a list grows: a row at a time and in batches.
+        auto model = rows(0, uint32_t(size));
+        KVNRowList list;
+        for (std::size_t i = 0; i < model.size();) {
+            if (i % 3 == 0) {
+                list.append(model[i++]);
+                continue;
+            }
+            const std::size_t end = std::min(model.size(), i + 200);
+            list.append(std::vector<KVNDirDiffTableElementPtr>(model.begin() + i, model.begin() + end));
+            i = end;
+        }
+        std::vector<KVNWeakRef<KVNDirDiffTableElement>> watched(model.begin(), model.end());
+        auto before = model;
+        std::optional<KVNRowList> snapshot = list;
+
+        auto added = row(1000000);
+        watched.emplace_back(added);
+        if (edit == "insert") {
+            list.insert(std::size_t(at), added);
+            model.insert(model.begin() + std::min(at, size), added);
+        } else if (edit == "remove") {
+            QCOMPARE(list.removeIf([&](std::size_t i, const auto &) { return int(i) == at; }), std::size_t(1));
+            model.erase(model.begin() + at);
+        } else if (edit == "every") {
+            std::vector<std::size_t> asked;
+            const std::size_t removed = list.removeIf([&](std::size_t i, const auto &r) {
+                asked.push_back(i);
+                return r->depthHint() % uint32_t(at) == 0;
+            });
+            std::vector<std::size_t> once(asked);
+            std::sort(once.begin(), once.end());
+            QVERIFY(std::adjacent_find(once.begin(), once.end()) == once.end()); // each row asked once
+            QCOMPARE(removed, std::size_t(std::erase_if(
+                                  model, [&](const auto &r) { return r->depthHint() % uint32_t(at) == 0; })));
+        } else if (edit == "first alone") {
+            // No other list holds the block the prefix ends in.
+            snapshot.reset();
+            list = list.firstRows(std::size_t(at));
+            model.resize(std::min(model.size(), std::size_t(at)));
+            before = model;
+            snapshot = list;
+        } else {
+            list = list.firstRows(std::size_t(at));
+            model.resize(std::min(model.size(), std::size_t(at)));
+            list.append(added); // must not reach the rows the snapshot holds past the prefix
+            model.push_back(added);
+        }
+        QCOMPARE(list.size(), model.size());
+        QVERIFY(list.toVector() == model);
+        QVERIFY(snapshot->toVector() == before);
+        QCOMPARE(list.empty(), model.empty());
+
+        // Once nothing else holds them, the rows the list dropped are gone
+        // and those it holds are not.
+        snapshot.reset();
+        const auto kept = model;
+        model.clear();
+        before.clear();
+        added = nullptr;
+        for (const auto &weak : watched) {
+            const auto strong = weak.lock();
+            const bool inList = std::find(kept.begin(), kept.end(), strong) != kept.end();
+            QCOMPARE(bool(strong), inList);
+        }
+    }
+
+    void contentPassesBetweenControllersWithoutACopy()
+    {
+        KVNArrayController source, filtered;
+        source.addObjects(rows(0, 2000));
+        source.compact();
+        filtered.setContent(source.content());
+        QVERIFY(filtered.content().sharesStorageWith(source.content()));
+        QCOMPARE(filtered.arrangedObjectsCount(), std::size_t(2000));
+
+        // Either side changing leaves the other as it was, and the blocks
+        // before the first change stay one copy.
+        const auto held = source.arrangedRows();
+        source.addObjects(rows(2000, 10));
+        source.removeObjectsAtArrangedObjectIndexes({1999, 2003});
+        filtered.removeObject(held[1900]);
+        QCOMPARE(source.arrangedObjectsCount(), std::size_t(2008));
+        QCOMPARE(ids(source.content())[1999], 2000u);
+        QCOMPARE(ids(source.content()).back(), 2009u);
+        QCOMPARE(filtered.arrangedObjectsCount(), std::size_t(1999));
+        QCOMPARE(ids(filtered.content())[1900], 1901u);
+        QCOMPARE(held.size(), std::size_t(2000));
+        for (uint32_t i = 0; i < 2000; ++i)
+            QCOMPARE(held[i]->depthHint(), i);
+        QVERIFY(filtered.content().sharesStorageWith(source.content()));
+
+        // An edit at the front changes every block of that side only.
+        source.removeObjectsAtArrangedObjectIndexes({0});
+        QVERIFY(!filtered.content().sharesStorageWith(source.content()));
+        QCOMPARE(ids(source.content()).front(), 1u);
+        QCOMPARE(ids(filtered.content()).front(), 0u);
+    }
+
+    void aFilterArrangesAndEditsReachTheContent()
+    {
+        KVNArrayController controller;
+        // Depths 0, 1, 2, 0, 1, 2, ... numbered by position.
+        std::vector<KVNDirDiffTableElementPtr> made;
+        for (uint32_t i = 0; i < 1200; ++i)
+            made.push_back(row(i % 3));
+        controller.addObjects(made);
+        controller.setFilterPredicate(depthIs(1));
+        QCOMPARE(controller.arrangedObjectsCount(), std::size_t(400));
+        QCOMPARE(controller.arrangedObjects().front(), made[1]);
+
+        // Before the row at that arranged place, in both lists.
+        auto extra = row(1);
+        controller.insertObject(extra, 2); // made[7] stands there
+        auto content = controller.content().toVector();
+        QCOMPARE(content.size(), std::size_t(1201));
+        QCOMPARE(content[7], extra);
+        QCOMPARE(content[8], made[7]);
+        QCOMPARE(controller.arrangedObjects()[2], extra);
+
+        // Arranged indexes remove from the content too; rows the filter hides stay.
+        controller.removeObjectsAtArrangedObjectIndexes({0, 2, 399, 5000});
+        content = controller.content().toVector();
+        QCOMPARE(content.size(), std::size_t(1198));
+        QVERIFY(std::find(content.begin(), content.end(), extra) == content.end());
+        QVERIFY(std::find(content.begin(), content.end(), made[1]) == content.end());
+        QVERIFY(std::find(content.begin(), content.end(), made[1195]) == content.end()); // arranged 399, after extra
+        QCOMPARE(controller.arrangedObjectsCount(), std::size_t(398));
+        controller.removeObject(made[0]);
+        controller.removeObject(made[4]);
+        QCOMPARE(controller.content().size(), std::size_t(1196));
+        QCOMPARE(controller.arrangedObjectsCount(), std::size_t(397));
+
+        // Rows added since the last rearrangement show whether they pass or not.
+        controller.addObjects({row(2)});
+        QCOMPARE(controller.arrangedObjectsCount(), std::size_t(398));
+        controller.rearrangeObjects();
+        QCOMPARE(controller.arrangedObjectsCount(), std::size_t(397));
+
+        // A filter every row passes arranges the content's own blocks.
+        KVNArrayController top;
+        for (int i = 0; i < 700; ++i)
+            top.addObjects({row(1)});
+        top.setFilterPredicate(depthIs(1));
+        QCOMPARE(top.arrangedObjectsCount(), std::size_t(700));
+        QVERIFY(top.arrangedRows().sharesStorageWith(top.content()));
+        top.setFilterPredicate(nullptr);
+        QVERIFY(top.arrangedRows() == top.content());
+    }
+
+    // One thread edits in whole batches while others take snapshots and
+    // hand the content on, as the document does: every snapshot is whole
+    // batches in order, and the one handed on stays as it was handed.
+    void snapshotsStayWholeWhileAnotherThreadEdits()
+    {
+        constexpr uint32_t kBatch = 100;
+        auto source = std::make_shared<KVNArrayController>();
+        auto filtered = std::make_shared<KVNArrayController>();
+        filtered->setFilterPredicate(KVNPredicate::predicateWithFormat(QStringLiteral("depthHint >= 0")));
+        std::atomic<bool> done{false};
+        std::atomic<int> bad{0};
+        const auto wholeBatches = [&](const KVNRowList &list) {
+            if (list.size() % kBatch != 0)
+                return false;
+            for (std::size_t i = 0; i < list.size(); ++i) {
+                if (!list[i] || (i % kBatch == 0 ? list[i]->depthHint() % kBatch != 0
+                                                 : list[i]->depthHint() != list[i - 1]->depthHint() + 1))
+                    return false;
+                if (i > 0 && list[i]->depthHint() <= list[i - 1]->depthHint())
+                    return false;
+            }
+            return true;
+        };
+        std::thread writer([&] {
+            for (uint32_t batch = 0; batch < 600; ++batch) {
+                source->addObjects(rows(batch * kBatch, kBatch));
+                if (batch % 3 == 2) { // the oldest batch goes
+                    std::vector<std::size_t> first(kBatch);
+                    for (std::size_t i = 0; i < kBatch; ++i)
+                        first[i] = i;
+                    source->removeObjectsAtArrangedObjectIndexes(first);
+                }
+            }
+            done = true;
+        });
+        std::vector<std::thread> readers;
+        for (int r = 0; r < 2; ++r)
+            readers.emplace_back([&, r] {
+                while (!done) {
+                    if (r == 0) {
+                        const auto handed = source->content();
+                        filtered->setContent(handed);
+                        const auto shown = filtered->arrangedRows();
+                        if (!wholeBatches(handed) || !(shown == handed))
+                            ++bad;
+                    } else if (!wholeBatches(source->arrangedRows()) ||
+                               !wholeBatches(KVNRowList(source->arrangedObjects())) ||
+                               !wholeBatches(filtered->content())) {
+                        ++bad;
+                    }
+                }
+            });
+        writer.join();
+        for (auto &reader : readers)
+            reader.join();
+        QCOMPARE(bad.load(), 0);
+        QCOMPARE(source->arrangedObjectsCount(), std::size_t(400 * kBatch));
+        QVERIFY(wholeBatches(source->content()));
+        QCOMPARE(source->content()[0]->depthHint(), 200 * kBatch);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestArrayController)
+#include "tst_arraycontroller.moc"
