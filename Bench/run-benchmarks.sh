@@ -232,7 +232,7 @@ benchmark_pair changed
 [ "$million" -eq 0 ] || benchmark_metadata
 
 if [ "$micro" -eq 1 ]; then
-    for bench in bench_crc32 bench_predicate bench_operationqueue; do
+    for bench in bench_crc32 bench_predicate bench_operationqueue bench_smallobjectpool bench_lookupdict bench_arraycontroller; do
         echo
         echo "== $bench =="
         "$build_dir/Bench/$bench" 2>&1
