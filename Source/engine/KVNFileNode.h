@@ -158,8 +158,6 @@ private:
     uint16_t nameSize_ = 0;
     uint8_t flags_ = 0; // fixed once the node is made
     // The name starts here and runs on past the node's end in the same block.
-    char nameHead_[7] = {};
-
-public:
-    static constexpr std::size_t kNameHeadSize = sizeof(nameHead_);
+    static constexpr std::size_t kNameHeadSize = 7;
+    char nameHead_[kNameHeadSize] = {};
 };
