@@ -39,6 +39,11 @@ std::vector<uint32_t> ids(const KVNRowList &list)
     return found;
 }
 
+KVNPredicatePtr depthAtLeast(int depth)
+{
+    return KVNPredicate::predicateWithFormat(QStringLiteral("depthHint >= %1").arg(depth));
+}
+
 KVNPredicatePtr depthIs(int depth)
 {
     return KVNPredicate::predicateWithFormat(QStringLiteral("depthHint == %1").arg(depth));
@@ -57,8 +62,10 @@ private slots:
         QTest::addColumn<int>("at"); // an index, or for "every", the step
         const int kBlock = int(KVNRowList::kChunkSize);
         for (int size : {0, 1, kBlock - 1, kBlock, kBlock + 1, 3 * kBlock + 7}) {
-            for (int at : std::set<int>{0, kBlock - 1, kBlock, kBlock + 1, size, size + 3})
+            for (int at : std::set<int>{0, kBlock - 1, kBlock, kBlock + 1, size, size + 3}) {
                 QTest::addRow("insert %d at %d", size, at) << size << "insert" << at;
+                QTest::addRow("insert %d ascending from %d", size, at) << size << "ascending" << at;
+            }
             for (int at : std::set<int>{0, size / 2, kBlock - 1, kBlock, size - 1})
                 if (at >= 0 && at < size)
                     QTest::addRow("remove %d at %d", size, at) << size << "remove" << at;
@@ -95,6 +102,16 @@ private slots:
         if (edit == "insert") {
             list.insert(std::size_t(at), added);
             model.insert(model.begin() + std::min(at, size), added);
+        } else if (edit == "ascending") {
+            // Side by side, across a block's end, and past the end of the list.
+            std::vector<std::pair<std::size_t, KVNDirDiffTableElementPtr>> batch;
+            for (const int offset : {0, 1, 3, int(KVNRowList::kChunkSize) + 2, size + 20}) {
+                auto extra = row(2000000 + uint32_t(offset));
+                watched.emplace_back(extra);
+                batch.emplace_back(std::size_t(at + offset), extra);
+                model.insert(model.begin() + std::min<std::size_t>(at + offset, model.size()), extra);
+            }
+            list.insertAscending(batch);
         } else if (edit == "remove") {
             QCOMPARE(list.removeIf([&](std::size_t i, const auto &) { return int(i) == at; }), std::size_t(1));
             model.erase(model.begin() + at);
@@ -139,6 +156,92 @@ private slots:
             const bool inList = std::find(kept.begin(), kept.end(), strong) != kept.end();
             QCOMPARE(bool(strong), inList);
         }
+    }
+
+    // Removals, and insertions at ascending places, wait for the next reader;
+    // whatever the order of edits and reads, each read sees what a vector
+    // edited at once would hold.
+    void pendingEditsReadAsIfMadeAtOnce_data()
+    {
+        QTest::addColumn<bool>("filtered");
+        QTest::newRow("no filter") << false;
+        QTest::newRow("filter") << true;
+    }
+    void pendingEditsReadAsIfMadeAtOnce()
+    {
+        QFETCH(bool, filtered);
+        const auto passes = [&](const KVNDirDiffTableElementPtr &r) { return !filtered || r->depthHint() >= 500; };
+        std::vector<KVNDirDiffTableElementPtr> content = rows(0, 1500);
+        KVNArrayController controller;
+        controller.addObjects(content);
+        if (filtered)
+            controller.setFilterPredicate(depthAtLeast(500));
+        const auto arranged = [&] {
+            std::vector<KVNDirDiffTableElementPtr> shown;
+            std::copy_if(content.begin(), content.end(), std::back_inserter(shown), passes);
+            return shown;
+        };
+
+        uint32_t next = 10000;
+        uint64_t seed = 7;
+        const auto random = [&seed](std::size_t bound) {
+            seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+            return std::size_t((seed >> 33) % bound);
+        };
+        for (int round = 0; round < 60; ++round) {
+            // A run of one kind, as a reconciliation makes them: removals in
+            // order, or insertions at rising places (now and then not rising).
+            const std::size_t count = 1 + random(40);
+            if (round % 2 == 0) {
+                for (std::size_t i = 0; i < count && !content.empty(); ++i) {
+                    const std::size_t at = random(content.size());
+                    controller.removeObject(content[at]);
+                    content.erase(content.begin() + at);
+                }
+                controller.removeObject(row(999)); // not in the list
+            } else {
+                std::size_t at = random(content.size() + 1);
+                for (std::size_t i = 0; i < count; ++i) {
+                    auto added = row(next++ % 2 ? next : next % 500);
+                    if (!passes(added))
+                        continue; // with a filter, arranged places count only rows that pass
+                    const auto shown = arranged();
+                    const std::size_t place = std::min(at, shown.size());
+                    controller.insertObject(added, place);
+                    const auto before =
+                        place < shown.size() ? std::find(content.begin(), content.end(), shown[place]) : content.end();
+                    content.insert(before, added);
+                    at = random(8) == 0 ? random(content.size() + 2) : place + 1 + random(5);
+                }
+            }
+            switch (round % 4) {
+            case 0:
+                QVERIFY(controller.content().toVector() == content);
+                break;
+            case 1:
+                QVERIFY(controller.arrangedObjects() == arranged());
+                break;
+            case 2:
+                QCOMPARE(controller.arrangedObjectsCount(), arranged().size());
+                break;
+            default:
+                break; // the next run of edits comes on top of these
+            }
+        }
+        QVERIFY(controller.content().toVector() == content);
+        QVERIFY(controller.arrangedRows().toVector() == arranged());
+
+        // Removed rows are let go once they are taken out, and edits made
+        // before new content arrives do not reach it.
+        KVNWeakRef<KVNDirDiffTableElement> removed(content.front());
+        controller.removeObject(content.front());
+        content.erase(content.begin());
+        QCOMPARE(controller.content().size(), content.size());
+        QVERIFY(!removed.lock());
+        controller.removeObject(content.front());
+        controller.insertObject(row(5), 0);
+        controller.setContent(KVNRowList(content));
+        QVERIFY(controller.content().toVector() == content);
     }
 
     void contentPassesBetweenControllersWithoutACopy()

@@ -5,6 +5,7 @@
 void KVNArrayController::addObjects(const std::vector<KVNDirDiffTableElementPtr> &objects)
 {
     std::lock_guard lock(mutex_);
+    applyPendingLocked();
     content_.append(objects);
     if (filter_)
         arranged_.append(objects);
@@ -14,9 +15,15 @@ void KVNArrayController::insertObject(const KVNDirDiffTableElementPtr &object, s
 {
     std::lock_guard lock(mutex_);
     if (!filter_) {
-        content_.insert(arrangedObjectIndex, object);
+        if (!pendingRemovals_.empty())
+            applyPendingLocked();
+        const std::size_t at = std::min(arrangedObjectIndex, content_.size() + pendingInsertions_.size());
+        if (!pendingInsertions_.empty() && at <= pendingInsertions_.back().first)
+            applyPendingLocked();
+        pendingInsertions_.emplace_back(at, object);
         return;
     }
+    applyPendingLocked();
     // Into the content before the row that now stands at that arranged place.
     std::size_t at = content_.size();
     if (arrangedObjectIndex < arranged_.size()) {
@@ -30,16 +37,34 @@ void KVNArrayController::insertObject(const KVNDirDiffTableElementPtr &object, s
 void KVNArrayController::removeObject(const KVNDirDiffTableElementPtr &object)
 {
     std::lock_guard lock(mutex_);
-    const auto isObject = [&object](std::size_t, const KVNDirDiffTableElementPtr &row) { return row == object; };
-    content_.removeIf(isObject);
-    if (filter_)
-        arranged_.removeIf(isObject);
+    if (!pendingInsertions_.empty())
+        applyPendingLocked();
+    if (object)
+        pendingRemovals_.push_back(object.get());
+}
+
+void KVNArrayController::applyPendingLocked() const
+{
+    if (!pendingRemovals_.empty()) {
+        std::sort(pendingRemovals_.begin(), pendingRemovals_.end());
+        const auto doomed = [this](std::size_t, const KVNDirDiffTableElementPtr &row) {
+            return std::binary_search(pendingRemovals_.begin(), pendingRemovals_.end(), row.get());
+        };
+        content_.removeIf(doomed);
+        if (filter_)
+            arranged_.removeIf(doomed);
+        pendingRemovals_ = {};
+    }
+    if (!pendingInsertions_.empty()) {
+        content_.insertAscending(pendingInsertions_);
+        pendingInsertions_ = {};
+    }
 }
 
 void KVNArrayController::removeObjectsAtArrangedObjectIndexes(const std::vector<std::size_t> &indexes)
 {
     std::lock_guard lock(mutex_);
-    auto &arranged = arrangedLocked();
+    auto &arranged = arrangedLocked(); // makes the pending edits first
     std::vector<bool> doomed(arranged.size());
     for (std::size_t index : indexes)
         if (index < doomed.size())
@@ -61,6 +86,9 @@ void KVNArrayController::removeObjectsAtArrangedObjectIndexes(const std::vector<
 void KVNArrayController::setContent(KVNRowList content)
 {
     std::lock_guard lock(mutex_);
+    // Edits of the content that goes are moot.
+    pendingRemovals_ = {};
+    pendingInsertions_ = {};
     content_ = std::move(content);
     rearrangeLocked();
 }
@@ -68,6 +96,7 @@ void KVNArrayController::setContent(KVNRowList content)
 void KVNArrayController::compact()
 {
     std::lock_guard lock(mutex_);
+    applyPendingLocked();
     content_.shrinkToFit();
     arranged_.shrinkToFit();
 }
@@ -75,6 +104,7 @@ void KVNArrayController::compact()
 void KVNArrayController::setFilterPredicate(const KVNPredicatePtr &predicate)
 {
     std::lock_guard lock(mutex_);
+    applyPendingLocked();
     filter_ = predicate;
     rearrangeLocked();
 }
@@ -88,6 +118,7 @@ KVNPredicatePtr KVNArrayController::filterPredicate() const
 void KVNArrayController::rearrangeObjects()
 {
     std::lock_guard lock(mutex_);
+    applyPendingLocked();
     rearrangeLocked();
 }
 
@@ -132,5 +163,6 @@ std::size_t KVNArrayController::arrangedObjectsCount() const
 KVNRowList KVNArrayController::content() const
 {
     std::lock_guard lock(mutex_);
+    applyPendingLocked();
     return content_;
 }

@@ -16,6 +16,11 @@
 // The lists are KVNRowList values: content() and arrangedRows() are snapshots
 // that share the controller's storage until either side changes, so handing
 // one controller's content to another costs no second copy of the rows.
+//
+// Removals, and insertions at ascending places without a filter, are kept
+// and made together when anything else reaches the rows: a reconciliation
+// removes and then inserts rows one at a time, and each edit made on its own
+// would move every row after it.
 class KVNArrayController {
 public:
     void addObjects(const std::vector<KVNDirDiffTableElementPtr> &objects);
@@ -37,11 +42,25 @@ public:
 
 private:
     void rearrangeLocked();
-    KVNRowList &arrangedLocked() { return filter_ ? arranged_ : content_; }
-    const KVNRowList &arrangedLocked() const { return filter_ ? arranged_ : content_; }
+    void applyPendingLocked() const;
+    KVNRowList &arrangedLocked()
+    {
+        applyPendingLocked();
+        return filter_ ? arranged_ : content_;
+    }
+    const KVNRowList &arrangedLocked() const
+    {
+        applyPendingLocked();
+        return filter_ ? arranged_ : content_;
+    }
 
     mutable std::mutex mutex_;
-    KVNRowList content_;
-    KVNRowList arranged_; // used only with a filter; shares content_ while every row passes
+    // Mutable: a reader makes the pending edits before it reads.
+    mutable KVNRowList content_;
+    mutable KVNRowList arranged_; // used only with a filter; shares content_ while every row passes
     KVNPredicatePtr filter_;
+    // Never both at once: an edit of the other kind makes these first.
+    // Addresses suffice, since no row enters the lists before they are made.
+    mutable std::vector<const KVNDirDiffTableElement *> pendingRemovals_;
+    mutable std::vector<std::pair<std::size_t, KVNDirDiffTableElementPtr>> pendingInsertions_; // ascending
 };

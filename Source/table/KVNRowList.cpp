@@ -119,6 +119,23 @@ void KVNRowList::insert(std::size_t index, const value_type &row)
     });
 }
 
+void KVNRowList::insertAscending(const std::vector<std::pair<std::size_t, value_type>> &rows)
+{
+    if (rows.empty())
+        return;
+    std::size_t next = 0;
+    const std::size_t first = std::min(rows.front().first, size_);
+    KVNRowList tail = takeChunksFrom(first / kChunkSize);
+    // size_ is the index the next row appended gets.
+    tail.drain([&](value_type &&old) {
+        while (next < rows.size() && rows[next].first <= size_)
+            append(rows[next++].second);
+        append(std::move(old));
+    });
+    for (; next < rows.size(); ++next)
+        append(rows[next].second);
+}
+
 KVNRowList KVNRowList::takeChunksFrom(std::size_t chunkIndex)
 {
     KVNRowList tail;

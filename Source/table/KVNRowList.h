@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <utility>
 #include <vector>
 
 // An ordered list of rows kept in blocks of 512 that lists share until one
@@ -81,6 +82,9 @@ public:
     void append(const std::vector<value_type> &rows);
     // At index, before the row there; at the end when index is past it.
     void insert(std::size_t index, const value_type &row);
+    // The rows, each at its index as insert would put it, given one after
+    // another in ascending order of index: the same list in one pass.
+    void insertAscending(const std::vector<std::pair<std::size_t, value_type>> &rows);
     // Drops every row for which remove(index, row) is true, calling it once per
     // row in order until one is dropped; gives back how many went.
     template <typename Remove> std::size_t removeIf(Remove remove);
