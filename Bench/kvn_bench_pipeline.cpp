@@ -2,6 +2,12 @@
 // on their own.
 //   scan ORIGINAL MODIFIED [RUNS]         both scans on one queue, as a run starts them
 //   rescan ORIGINAL MODIFIED FILE [RUNS]  a full run, then the update after FILE changed
+//   rescan-gone ORIGINAL MODIFIED DIR [RUNS]
+//                                         the same, after DIR went from both trees, so that
+//                                         its rows are removed (moved aside and back)
+//   rescan-added ORIGINAL MODIFIED DIR [RUNS]
+//                                         the same, after DIR came into both trees, so that
+//                                         its rows are inserted
 // Both also time the floor of any whole scan: a bare walk of both trees, one
 // thread each, with one getdents64 per buffer and one statx per entry, that
 // keeps nothing.
@@ -20,7 +26,9 @@
 #include <cstring>
 #include <cxxabi.h>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,8 +56,12 @@ int usage()
 {
     std::fputs("usage: kvn_bench_pipeline scan ORIGINAL MODIFIED [RUNS]\n"
                "       kvn_bench_pipeline rescan ORIGINAL MODIFIED FILE [RUNS]\n"
+               "       kvn_bench_pipeline rescan-gone ORIGINAL MODIFIED DIR [RUNS]\n"
+               "       kvn_bench_pipeline rescan-added ORIGINAL MODIFIED DIR [RUNS]\n"
                "FILE is a non-empty regular file inside MODIFIED (absolute, or relative to it);\n"
-               "one of its bytes is changed for the rescan and put back afterwards.\n",
+               "one of its bytes is changed for the rescan and put back afterwards.\n"
+               "DIR is a directory relative to both trees; it is moved beside each tree for\n"
+               "the rescan (gone) or for the full run (added), and moved back afterwards.\n",
                stderr);
     return 2;
 }
@@ -158,8 +170,20 @@ void waitForRun(KVNDirCompDocument &document, int completed)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
 
-// Changes one byte in the middle of the file, and puts it back, times included.
-class ByteFlip {
+// What happens on disk between a full run and its update, undone afterwards
+// with the times it found, so that the pair stays as it was made.
+class Change {
+public:
+    virtual ~Change() = default;
+    virtual void prepare() {} // before the full run
+    virtual void apply() = 0;
+    virtual void restore() = 0;
+    // The file pairs the update must read again, where that is known.
+    virtual std::optional<uint64_t> expectedPairs() const = 0;
+};
+
+// Changes one byte in the middle of a file.
+class ByteFlip final : public Change {
 public:
     explicit ByteFlip(const QByteArray &path) : path_(path)
     {
@@ -172,14 +196,15 @@ public:
         if (::pread(fd_, &byte_, 1, at_) != 1)
             std::exit(2);
     }
-    void flip() { write(char(~byte_)); }
-    void restore()
+    void apply() override { write(char(~byte_)); }
+    void restore() override
     {
         write(byte_);
         const timespec times[2] = {before_.st_atim, before_.st_mtim};
         ::futimens(fd_, times);
     }
-    ~ByteFlip() { ::close(fd_); }
+    std::optional<uint64_t> expectedPairs() const override { return 1; }
+    ~ByteFlip() override { ::close(fd_); }
 
 private:
     void write(char value)
@@ -194,6 +219,85 @@ private:
     struct stat before_ {};
     off_t at_ = 0;
     char byte_ = 0;
+};
+
+// Moves a directory out of both trees to a place beside each, and back:
+// after the full run (gone), or before it, to come back for the update
+// (added). A place left over from an interrupted run is moved back first.
+class SubtreeMove final : public Change {
+public:
+    enum Kind { Gone, Added };
+    SubtreeMove(Kind kind, const QByteArray &original, const QByteArray &modified, const QByteArray &relative)
+        : kind_(kind)
+    {
+        const QByteArray roots[] = {original, modified};
+        for (int side = 0; side < 2; ++side) {
+            Move &move = moves_[side];
+            move.from = roots[side] + '/' + relative;
+            move.aside = roots[side] + ".kvn-bench-aside";
+            move.parent = move.from.left(move.from.lastIndexOf('/'));
+            struct stat info;
+            if (::lstat(move.aside.constData(), &info) == 0 && ::lstat(move.from.constData(), &info) != 0)
+                rename(move.aside, move.from);
+            if (::lstat(move.from.constData(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+                ::stat(move.parent.constData(), &move.parentBefore) != 0) {
+                std::fprintf(stderr, "kvn_bench_pipeline: %s: not a directory\n", move.from.constData());
+                std::exit(2);
+            }
+        }
+    }
+    void prepare() override
+    {
+        if (kind_ == Added)
+            moveAside();
+    }
+    void apply() override
+    {
+        if (kind_ == Gone)
+            moveAside();
+        else
+            moveBack();
+    }
+    void restore() override { moveBack(); }
+    // Every pair of a new subtree is read.
+    std::optional<uint64_t> expectedPairs() const override
+    {
+        return kind_ == Gone ? std::optional<uint64_t>(0) : std::nullopt;
+    }
+    ~SubtreeMove() override { moveBack(); }
+
+private:
+    struct Move {
+        QByteArray from, aside, parent;
+        struct stat parentBefore {};
+    };
+    static void rename(const QByteArray &from, const QByteArray &to)
+    {
+        if (::rename(from.constData(), to.constData()) != 0) {
+            std::perror(from.constData());
+            std::exit(2);
+        }
+    }
+    void moveAside()
+    {
+        for (const Move &move : moves_)
+            rename(move.from, move.aside);
+        aside_ = true;
+    }
+    void moveBack()
+    {
+        if (!aside_)
+            return;
+        for (const Move &move : moves_) {
+            rename(move.aside, move.from);
+            const timespec times[2] = {move.parentBefore.st_atim, move.parentBefore.st_mtim};
+            ::utimensat(AT_FDCWD, move.parent.constData(), times, 0);
+        }
+        aside_ = false;
+    }
+    Kind kind_;
+    Move moves_[2];
+    bool aside_ = false;
 };
 
 // When each kind of operation first started and last finished, in seconds
@@ -256,13 +360,11 @@ private:
     double start_ = 0;
 };
 
-int rescan(const QByteArray &original, const QByteArray &modified, QByteArray file, int runs)
+int rescan(const QByteArray &original, const QByteArray &modified, Change &change, int runs)
 {
-    if (!file.startsWith('/'))
-        file = modified + '/' + file;
-    ByteFlip flip(file);
     std::vector<double> fullSeconds, rescanSeconds;
     std::vector<uint64_t> pairsReadAgain;
+    std::vector<double> rowsBefore, rowsAfter;
     StageClock stages;
     for (int run = 0; run < runs; ++run) {
         auto document = KVNDirCompDocument::make();
@@ -270,12 +372,14 @@ int rescan(const QByteArray &original, const QByteArray &modified, QByteArray fi
         document->setOriginalURL(original, modified);
         QCoreApplication::processEvents();
 
+        change.prepare();
         double start = now();
         document->performInitialTablePopulate();
         waitForRun(*document, 1);
         fullSeconds.push_back(now() - start);
+        rowsBefore.push_back(double(document->sourceArrayController()->arrangedObjects().size()));
 
-        flip.flip();
+        change.apply();
         const uint64_t pairsBefore = KVNCompareFileOperation::totalPairsRead();
         stages.attach(document->refreshOperationQueue());
         start = now();
@@ -284,7 +388,8 @@ int rescan(const QByteArray &original, const QByteArray &modified, QByteArray fi
         rescanSeconds.push_back(now() - start);
         stages.detach(document->refreshOperationQueue());
         pairsReadAgain.push_back(KVNCompareFileOperation::totalPairsRead() - pairsBefore);
-        flip.restore();
+        rowsAfter.push_back(double(document->sourceArrayController()->arrangedObjects().size()));
+        change.restore();
 
         document->goodByeKiss();
         document->refreshOperationQueue().cancelAllOperations();
@@ -292,20 +397,24 @@ int rescan(const QByteArray &original, const QByteArray &modified, QByteArray fi
     }
     const double full = median(fullSeconds);
     const double update = median(rescanSeconds);
-    const bool exactlyOne =
-        std::all_of(pairsReadAgain.begin(), pairsReadAgain.end(), [](uint64_t n) { return n == 1; });
-    std::printf("rescan: full run %.3f s, rescan %.3f s (medians of %d), full/rescan %.1f, file pairs read again:",
-                full, update, runs, update > 0 ? full / update : 0.0);
+    const std::optional<uint64_t> expected = change.expectedPairs();
+    const bool asExpected = std::all_of(pairsReadAgain.begin(), pairsReadAgain.end(),
+                                        [&](uint64_t n) { return !expected || n == *expected; });
+    std::printf("rescan: full run %.3f s, rescan %.3f s (medians of %d), full/rescan %.1f, rows %.0f before and %.0f"
+                " after, file pairs read again:",
+                full, update, runs, update > 0 ? full / update : 0.0, median(rowsBefore), median(rowsAfter));
     for (uint64_t n : pairsReadAgain)
         std::printf(" %llu", (unsigned long long)n);
-    std::printf("%s\n", exactlyOne ? "" : "  (expected exactly 1)");
+    if (!asExpected)
+        std::printf("  (expected exactly %llu)", (unsigned long long)*expected);
+    std::printf("\n");
     uint64_t walked = 0;
     const double floor = walkFloor(original, modified, runs, &walked);
     std::printf("rescan/full %.3f; the two whole scans an update makes cannot take less than the bare walk of both"
                 " trees, %.3f s, %.3f of the full run\n",
                 full > 0 ? update / full : 0.0, floor, full > 0 ? floor / full : 0.0);
     stages.print();
-    return exactlyOne ? 0 : 1;
+    return asExpected ? 0 : 1;
 }
 
 } // namespace
@@ -317,7 +426,18 @@ int main(int argc, char **argv)
     const QByteArray command = argc > 1 ? argv[1] : "";
     if (command == "scan" && (argc == 4 || argc == 5))
         return scan(argv[2], argv[3], runCount(argc, argv, 4));
-    if (command == "rescan" && (argc == 5 || argc == 6))
-        return rescan(argv[2], argv[3], argv[4], runCount(argc, argv, 5));
+    const bool rescanning = command == "rescan" || command == "rescan-gone" || command == "rescan-added";
+    if (rescanning && (argc == 5 || argc == 6)) {
+        const QByteArray original = argv[2], modified = argv[3];
+        std::unique_ptr<Change> change;
+        if (command == "rescan") {
+            QByteArray file = argv[4];
+            change = std::make_unique<ByteFlip>(file.startsWith('/') ? file : modified + '/' + file);
+        } else {
+            const auto kind = command == "rescan-gone" ? SubtreeMove::Gone : SubtreeMove::Added;
+            change = std::make_unique<SubtreeMove>(kind, original, modified, argv[4]);
+        }
+        return rescan(original, modified, *change, runCount(argc, argv, 5));
+    }
     return usage();
 }
