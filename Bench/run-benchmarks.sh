@@ -154,7 +154,8 @@ table() {
               for (i = 1; i <= NR; i++) printf "  %-44s %10.3f %12.3f\n", rows[i], t[i], (t[i] > 0 ? kv / t[i] : 0) }'
 }
 
-# A regular file of some size at the same place in both trees, for the rescan.
+# A regular file of more than $3 (a find -size, default 64k) at the same
+# place in both trees, for the rescan.
 pick_file() {
     local relative
     while IFS= read -r -d '' relative; do
@@ -162,8 +163,31 @@ pick_file() {
             printf '%s' "$relative"
             return 0
         fi
-    done < <(cd "$2" && find . -type f -size +64k -print0)
+    done < <(cd "$2" && find . -type f -size "+${3:-64k}" -print0)
     return 1
+}
+
+# The top-level directory of both trees with the most items in the first, for
+# the updates after a whole subtree went or came.
+pick_directory() {
+    local name best='' most=0 count
+    while IFS= read -r -d '' name; do
+        name=${name#./}
+        [ -d "$2/$name" ] && [ ! -L "$2/$name" ] || continue
+        count=$(find "$1/$name" | wc -l)
+        if [ "$count" -gt "$most" ]; then
+            most=$count best=$name
+        fi
+    done < <(cd "$1" && find . -mindepth 1 -maxdepth 1 -type d -print0)
+    [ -n "$best" ] && printf '%s' "$best"
+}
+
+# The time of such an update and of its reconciliation.
+subtree_rescan() {
+    local out status=0
+    out=$("$pipeline" "$1" "$2" "$3" "$4" "$runs") || status=$?
+    printf '%s\n' "$out" | grep -E '^rescan:|DiffSourceArrayControllers' | sed 's/^ */  /' || true
+    [ "$status" -eq 0 ] || echo "run-benchmarks: the update after $4 $1 read other pairs than expected" >&2
 }
 
 benchmark_pair() {
@@ -191,6 +215,12 @@ EOT
         "$pipeline" rescan "$original" "$modified" "$relative" "$runs" ||
             echo "run-benchmarks: the rescan read more or fewer pairs than the one that changed" >&2
     fi
+    if relative=$(pick_directory "$original" "$modified"); then
+        echo "update after the largest top-level directory went from both trees ($relative):"
+        subtree_rescan rescan-gone "$original" "$modified" "$relative"
+        echo "update after it came into both trees:"
+        subtree_rescan rescan-added "$original" "$modified" "$relative"
+    fi
 }
 
 # The metadata-only pair: no contents to read, so kvdiff against the walk alone.
@@ -207,6 +237,11 @@ floor: metadata walk (find -printf)	$wk
 EOT
     memory_and_stages "$original" "$modified" "$(find "$original" "$modified" -mindepth 1 | wc -l)"
     "$pipeline" scan "$original" "$modified" "$runs"
+    local relative
+    if relative=$(pick_file "$original" "$modified" 0); then
+        "$pipeline" rescan "$original" "$modified" "$relative" "$runs" ||
+            echo "run-benchmarks: the rescan read more or fewer pairs than the one that changed" >&2
+    fi
 }
 
 echo
