@@ -4,8 +4,7 @@
 #include "KVNCompareFileOperation.h"
 #include "KVNMainThread.h"
 
-#include <QHash>
-
+#include <deque>
 #include <unordered_map>
 
 #include <cstdlib>
@@ -69,44 +68,49 @@ void sideTest(const KVNDirDiffTableElementPtr &updated, const KVNDirDiffTableEle
 }
 
 // Exact-case relative paths, told apart without making a string per row: a
-// node's path is its directory's, made once per directory, and its name.
+// node's path is its directory's, made once per directory, and its name,
+// read in place. A key is good while its node lives.
 class PathKeys {
 public:
     struct Key {
         uint64_t hash = 0;
         const QByteArray *directory = nullptr; // null: the whole path is in name
-        QByteArray name;
-    };
-    struct Hash {
-        std::size_t operator()(const Key &key) const noexcept { return std::size_t(key.hash); }
-    };
-    struct Equal {
-        bool operator()(const Key &a, const Key &b) const
-        {
-            if (a.hash != b.hash)
-                return false;
-            if (a.directory && b.directory)
-                return a.name == b.name && *a.directory == *b.directory;
-            return whole(a) == whole(b);
-        }
+        QByteArrayView name;
     };
 
     // The key of a row's path: that of its left node, or else its right one.
-    Key keyOf(const KVNDirDiffTableElement &row)
+    // Gives the node as well, for the caller to keep while it keeps the key.
+    Key keyOf(const KVNDirDiffTableElement &row, KVNFileNodePtr *keep = nullptr)
     {
         KVNFileNodePtr node = row.leftNode();
         if (!node)
             node = row.rightNode();
-        if (!node)
-            return {fold(kSeed, QByteArray()), nullptr, QByteArray()};
-        const KVNFileNodePtr parent = node->parentNode();
-        if (!parent) {
-            QByteArray path = node->relativePath();
-            return {fold(kSeed, path), nullptr, std::move(path)};
+        Key key;
+        if (!node) {
+            key.hash = kSeed;
+        } else if (const KVNFileNodePtr parent = node->parentNode()) {
+            const Directory &directory = directoryOf(parent.get());
+            key.directory = &directory.path;
+            key.name = node->nameView();
+            key.hash = fold(fold(directory.hash, QByteArrayView("/")), key.name);
+        } else {
+            // Its parent is gone: the path, made once, lives as long as this.
+            const QByteArray &path = wholePaths_.emplace_back(node->relativePath());
+            key.name = path;
+            key.hash = fold(kSeed, path);
         }
-        const Directory &directory = directoryOf(parent.get());
-        QByteArray name = node->name();
-        return {fold(fold(directory.hash, QByteArrayView("/")), name), &directory.path, std::move(name)};
+        if (keep)
+            *keep = std::move(node);
+        return key;
+    }
+
+    static bool equal(const Key &a, const Key &b)
+    {
+        if (a.hash != b.hash)
+            return false;
+        if (a.directory && b.directory)
+            return a.name == b.name && (a.directory == b.directory || *a.directory == *b.directory);
+        return whole(a) == whole(b);
     }
 
 private:
@@ -124,7 +128,13 @@ private:
         }
         return hash;
     }
-    static QByteArray whole(const Key &key) { return key.directory ? *key.directory + '/' + key.name : key.name; }
+    static QByteArray whole(const Key &key)
+    {
+        if (!key.directory)
+            return key.name.toByteArray();
+        QByteArray path = *key.directory;
+        return path.append('/').append(key.name);
+    }
 
     const Directory &directoryOf(const KVNFileNode *node)
     {
@@ -147,6 +157,60 @@ private:
     std::unordered_map<const KVNFileNode *, Directory> directories_;
     const KVNFileNode *lastNode_ = nullptr;
     const Directory *lastDirectory_ = nullptr;
+    std::deque<QByteArray> wholePaths_; // never moved, so views into them stay good
+};
+
+// The bound rows by path, in one open-addressed array: a million rows cost
+// no allocation each. A later row of the same path takes the place of an
+// earlier one.
+class BoundTable {
+public:
+    struct Entry {
+        PathKeys::Key key;
+        KVNDirDiffTableElement *row = nullptr; // the snapshot keeps it alive
+        bool found = false;                    // some fresh row has this path
+    };
+
+    explicit BoundTable(std::size_t count)
+    {
+        std::size_t capacity = 16;
+        while (capacity < 2 * count)
+            capacity *= 2;
+        slots_.assign(capacity, 0);
+        entries_.reserve(count);
+    }
+
+    // The entry of the key, made for the row or given to it.
+    Entry &add(const PathKeys::Key &key, KVNDirDiffTableElement *row)
+    {
+        uint32_t &slot = slotOf(key);
+        if (!slot) {
+            entries_.push_back({key, row, false});
+            slot = uint32_t(entries_.size());
+        }
+        Entry &entry = entries_[slot - 1];
+        entry.row = row;
+        return entry;
+    }
+    Entry *find(const PathKeys::Key &key)
+    {
+        const uint32_t slot = slotOf(key);
+        return slot ? &entries_[slot - 1] : nullptr;
+    }
+
+private:
+    uint32_t &slotOf(const PathKeys::Key &key)
+    {
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t at = key.hash & mask;; at = (at + 1) & mask) {
+            uint32_t &slot = slots_[at];
+            if (!slot || PathKeys::equal(entries_[slot - 1].key, key))
+                return slot;
+        }
+    }
+
+    std::vector<uint32_t> slots_; // entry index + 1; 0 is empty
+    std::vector<Entry> entries_;  // never grows past its reserve, so entries stay put
 };
 
 } // namespace
@@ -173,40 +237,37 @@ KVNDiffSourceArrayControllersOperation::~KVNDiffSourceArrayControllersOperation(
 void KVNDiffSourceArrayControllersOperation::main()
 {
     // No test for a cancel: once started it runs through and queues its graph.
-    const auto updated = updatedSourceArrayController_ ? updatedSourceArrayController_->arrangedObjects()
-                                                       : std::vector<KVNDirDiffTableElementPtr>();
+    const KVNRowList updated =
+        updatedSourceArrayController_ ? updatedSourceArrayController_->arrangedRows() : KVNRowList();
     const auto &bound = boundSourceArrayControllerArrangedObjects_;
     KVNTableElementSet recompare;
 
-    // Keyed by the exact-case path, unlike the pairing; a later row of the
-    // same path takes the place of an earlier one. Every path is made once:
-    // a bound path that some fresh row finds is marked, the others went away.
-    struct Slot {
-        KVNDirDiffTableElement *row = nullptr; // the snapshot keeps it alive
-        bool found = false;
-    };
+    // Keyed by the exact-case path, unlike the pairing. Every path is made
+    // once: a bound path that some fresh row finds is marked, the others went
+    // away. The bound rows' nodes are held, since their keys read their names
+    // and a side test below may let a node go.
     PathKeys keys;
-    std::unordered_map<PathKeys::Key, Slot, PathKeys::Hash, PathKeys::Equal> boundTable; // nodes stay put
-    boundTable.reserve(bound.size());
-    std::vector<Slot *> boundSlots;
-    boundSlots.reserve(bound.size());
-    for (const auto &row : bound) {
-        Slot &slot = boundTable[keys.keyOf(*row)];
-        slot.row = row.get();
-        boundSlots.push_back(&slot);
+    BoundTable boundTable(bound.size());
+    std::vector<BoundTable::Entry *> boundEntries;
+    boundEntries.reserve(bound.size());
+    std::vector<KVNFileNodePtr> keyNodes(bound.size());
+    for (std::size_t index = 0; index < bound.size(); ++index) {
+        const PathKeys::Key key = keys.keyOf(*bound[index], &keyNodes[index]);
+        boundEntries.push_back(&boundTable.add(key, bound[index].get()));
     }
     std::vector<KVNDirDiffTableElement *> existingFor(updated.size(), nullptr);
-    for (std::size_t index = 0; index < updated.size(); ++index) {
-        const auto it = boundTable.find(keys.keyOf(*updated[index]));
-        if (it == boundTable.end())
-            continue;
-        it->second.found = true;
-        existingFor[index] = it->second.row;
+    std::size_t index = 0;
+    for (const auto &fresh : updated) {
+        if (BoundTable::Entry *entry = boundTable.find(keys.keyOf(*fresh))) {
+            entry->found = true;
+            existingFor[index] = entry->row;
+        }
+        ++index;
     }
 
     std::vector<KVNDirDiffTableElementPtr> gone;
     for (std::size_t index = 0; index < bound.size(); ++index)
-        if (!boundSlots[index]->found)
+        if (!boundEntries[index]->found)
             gone.push_back(bound[index]);
     for (const auto &row : gone) {
         if (auto parent = row->parentElement()) {
@@ -231,8 +292,8 @@ void KVNDiffSourceArrayControllersOperation::main()
                 // A parent that is new itself is not in the bound table: the row then
                 // keeps its place in that parent's list but loses its parent reference.
                 KVNDirDiffTableElementPtr boundParent;
-                if (const auto it = boundTable.find(keys.keyOf(*parent)); it != boundTable.end())
-                    boundParent = KVNDirDiffTableElementPtr::fromThis(it->second.row);
+                if (const BoundTable::Entry *entry = boundTable.find(keys.keyOf(*parent)))
+                    boundParent = KVNDirDiffTableElementPtr::fromThis(entry->row);
                 if (boundParent)
                     boundParent->addChildElement(fresh);
                 fresh->setParentElement(boundParent);
