@@ -1,7 +1,8 @@
 // The array controllers as a comparison uses them: a table built in the
 // batcher's batches and compacted, its content handed to the filtered
-// controller, a snapshot of its rows, and the front-of-table edits of a
-// reconciliation. "bytes_per_row" is what a built controller holds on the heap.
+// controller, a snapshot of its rows, the front-of-table edits of a
+// reconciliation, and its runs of edits when a subtree went and came. "bytes_per_row" is what a built controller holds
+// on the heap.
 #include "KVNArrayController.h"
 
 #include <benchmark/benchmark.h>
@@ -88,11 +89,32 @@ void BM_RemoveAndInsertAtFront(benchmark::State &state)
     }
 }
 
+// What a reconciliation does when a subtree of state.range(1) rows went and
+// another came: removals a row at a time, then insertions a row at a time at
+// rising places, then one read.
+void BM_RunOfEdits(benchmark::State &state)
+{
+    const auto &all = rows(std::size_t(state.range(0)));
+    const std::size_t run = std::size_t(state.range(1));
+    KVNArrayController source;
+    build(source, all);
+    const std::size_t from = all.size() / 4;
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < run; ++i)
+            source.removeObject(all[from + i]);
+        for (std::size_t i = 0; i < run; ++i)
+            source.insertObject(all[from + i], from + i);
+        benchmark::DoNotOptimize(source.arrangedObjectsCount());
+    }
+    state.SetItemsProcessed(int64_t(state.iterations() * run * 2));
+}
+
 } // namespace
 
 BENCHMARK(BM_BuildAndCompact)->Arg(200000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_HandContentOn)->Arg(200000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ArrangedObjects)->Arg(200000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RemoveAndInsertAtFront)->Arg(200000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RunOfEdits)->Args({1000000, 100000})->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();
