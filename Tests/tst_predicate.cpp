@@ -301,6 +301,36 @@ private slots:
         QVERIFY(!KVNPredicate::parse(same->predicateFormat()).ok());
     }
 
+    // A compound reads a key once however many of its parts test it, and
+    // still answers every key, SELF and keys too long to remember rightly.
+    void compoundsReadARepeatedKeyOnce()
+    {
+        struct Counting final : KVNTestObject {
+            using KVNTestObject::KVNTestObject;
+            KVNValue valueForKey(QStringView key) const override
+            {
+                ++reads;
+                return KVNTestObject::valueForKey(key);
+            }
+            mutable int reads = 0;
+        };
+        const QString longKey(60, QLatin1Char('k'));
+        auto object = std::make_shared<Counting>(
+            KVNTestObject::Entries{{"name", S("Makefile")}, {"size", I(4)}, {longKey, I(7)}});
+        const auto reads = [&](const QString &format, const Values &arguments = {}) {
+            object->reads = 0;
+            const bool result = parseOrFail(format, arguments)->evaluateWithObject(*object);
+            return std::make_pair(result, object->reads);
+        };
+        QCOMPARE(reads(R"(name LIKE[c] "*.o" OR name LIKE[c] ".git" OR name LIKE[c] "makefile")"),
+                 std::make_pair(true, 1));
+        QCOMPARE(reads(R"(name == "x" OR name == "y" OR name == "z")"), std::make_pair(false, 1));
+        QCOMPARE(reads(R"(name == "Makefile" AND size == 4 AND name != "x" AND size < 5)").first, true);
+        QCOMPARE(reads(R"(name == "Makefile" AND (size == 3 OR size == 4) AND NOT name == "y")").first, true);
+        QCOMPARE(reads("SELF == %@ AND name == \"Makefile\"", {KVNValue::fromObject(object)}).first, true);
+        QCOMPARE(reads(longKey + " == 6 OR " + longKey + " == 7"), std::make_pair(true, 2));
+    }
+
     void stringOptions_data()
     {
         QTest::addColumn<QString>("format");

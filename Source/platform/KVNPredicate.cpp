@@ -10,6 +10,35 @@
 
 namespace {
 
+// The object of one compound evaluation, remembering the last key it was
+// asked: "name LIKE[c] 'a' OR name LIKE[c] 'b' OR ..." reads the name once,
+// where each read may decode it anew.
+class KVNRememberingKeyValue final : public KVNKeyValueCoding {
+public:
+    explicit KVNRememberingKeyValue(const KVNKeyValueCoding &object) : object_(object) {}
+    KVNValue valueForKey(QStringView key) const override
+    {
+        if (remembered_ && key == QStringView(lastKey_.data(), lastKeySize_))
+            return lastValue_;
+        KVNValue value = object_.valueForKey(key);
+        remembered_ = std::size_t(key.size()) <= lastKey_.size();
+        if (remembered_) {
+            std::copy(key.begin(), key.end(), lastKey_.begin());
+            lastKeySize_ = key.size();
+            lastValue_ = value;
+        }
+        return value;
+    }
+    const void *identity() const override { return object_.identity(); }
+
+private:
+    const KVNKeyValueCoding &object_;
+    mutable std::array<QChar, 48> lastKey_; // a copy: the caller's key may not outlive the call
+    mutable qsizetype lastKeySize_ = 0;
+    mutable KVNValue lastValue_;
+    mutable bool remembered_ = false;
+};
+
 class KVNBooleanPredicate final : public KVNPredicate {
 public:
     explicit KVNBooleanPredicate(bool value) : value_(value) {}
@@ -190,15 +219,17 @@ KVNCompoundPredicate::KVNCompoundPredicate(Key, Kind kind, std::vector<KVNPredic
 
 bool KVNCompoundPredicate::evaluateWithObject(const KVNKeyValueCoding &object) const
 {
-    switch (kind_) {
-    case Kind::Not:
+    if (kind_ == Kind::Not)
         return !subpredicates_.front()->evaluateWithObject(object);
+    const KVNRememberingKeyValue remembering(object);
+    const KVNKeyValueCoding &read = subpredicates_.size() > 1 ? remembering : object;
+    switch (kind_) {
     case Kind::And:
         return std::all_of(subpredicates_.begin(), subpredicates_.end(),
-                           [&](const KVNPredicatePtr &p) { return p->evaluateWithObject(object); });
+                           [&](const KVNPredicatePtr &p) { return p->evaluateWithObject(read); });
     case Kind::Or:
         return std::any_of(subpredicates_.begin(), subpredicates_.end(),
-                           [&](const KVNPredicatePtr &p) { return p->evaluateWithObject(object); });
+                           [&](const KVNPredicatePtr &p) { return p->evaluateWithObject(read); });
     default:
         return false;
     }
