@@ -77,13 +77,20 @@ private slots:
     void caseTwinsShareTheLaterNode()
     {
         KVNTestTree left, right;
-        KVNFillTrees(left, right, {"<Twin", "<twin", ">TWIN"});
+        KVNFillTrees(left, right, {"<Twin", "<twin", ">TWIN", ">Solo", ">SOLO", "<\xc3\x84rger", ">\xc3\xa4rger"});
         auto built = build(left.root(), right.root());
-        // Both left names make a row, and both rows show the same pair.
-        QCOMPARE(built->rows.size(), size_t(2));
-        QCOMPARE(built->rows[0]->leftNode(), built->rows[1]->leftNode());
-        QCOMPARE(built->rows[0]->rightNode(), built->rows[1]->rightNode());
-        QCOMPARE(built->rows[0]->labelRight(), QStringLiteral("TWIN"));
+        // Both left names make a row, and both rows show the same pair; so do
+        // two right names with no left one. Names that are not ASCII pair as
+        // Unicode, and sort after the ASCII ones.
+        QCOMPARE(built->rows.size(), size_t(5));
+        for (const int first : {0, 2}) {
+            QCOMPARE(built->rows[first]->leftNode(), built->rows[first + 1]->leftNode());
+            QCOMPARE(built->rows[first]->rightNode(), built->rows[first + 1]->rightNode());
+        }
+        QVERIFY(!built->rows[0]->leftNode() && built->rows[0]->rightNode());
+        QCOMPARE(built->rows[4]->labelLeft(), QStringLiteral("\u00c4rger"));
+        QCOMPARE(built->rows[4]->labelRight(), QStringLiteral("\u00e4rger"));
+        QCOMPARE(built->rows[2]->labelRight(), QStringLiteral("TWIN"));
     }
 
     void missingTreesAndCancellation()

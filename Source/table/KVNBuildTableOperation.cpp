@@ -2,9 +2,51 @@
 
 #include "KVNPathBytes.h"
 
-#include <QHash>
-
 #include <algorithm>
+#include <bit>
+
+namespace {
+
+// The children of one directory by lower-cased name: for each name, the last
+// child that has it, as a later one takes the place of an earlier one. The
+// names are hashed and compared in place, with no key made per child.
+class ChildIndex {
+public:
+    explicit ChildIndex(std::span<const KVNFileNodePtr> children)
+        : children_(children), hashes_(children.size()), slots_(std::bit_ceil(2 * children.size() + 1), 0)
+    {
+        for (std::size_t i = 0; i < children.size(); ++i) {
+            hashes_[i] = KVNPathBytes::hashLowercaseName(KVNPathBytes::kHashSeed, children[i]->nameView());
+            slots_[probe(hashes_[i], children[i]->nameView())] = uint32_t(i + 1);
+        }
+    }
+    uint64_t hashAt(std::size_t i) const { return hashes_[i]; }
+    // The last child whose name lower-cases as name does, or null.
+    KVNFileNodePtr find(uint64_t hash, QByteArrayView name) const
+    {
+        const uint32_t slot = slots_[probe(hash, name)];
+        return slot ? children_[slot - 1] : KVNFileNodePtr();
+    }
+
+private:
+    // The slot of the name: the one that holds it, or the empty one where it would go.
+    std::size_t probe(uint64_t hash, QByteArrayView name) const
+    {
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+            const uint32_t slot = slots_[at];
+            if (!slot ||
+                (hashes_[slot - 1] == hash && KVNPathBytes::lowercaseNamesEqual(children_[slot - 1]->nameView(), name)))
+                return at;
+        }
+    }
+
+    std::span<const KVNFileNodePtr> children_;
+    std::vector<uint64_t> hashes_;
+    std::vector<uint32_t> slots_; // child index + 1; 0 is empty
+};
+
+} // namespace
 
 KVNBuildTableOperation::KVNBuildTableOperation(KVNBuildTreeFastOperationPtr buildTreeOp1,
                                                KVNBuildTreeFastOperationPtr buildTreeOp2,
@@ -39,38 +81,35 @@ void KVNBuildTableOperation::addChildrenOfLeftNode(const KVNFileNodePtr &leftNod
         return;
     const auto leftChildren = leftNode ? leftNode->childNodes() : std::span<const KVNFileNodePtr>();
     const auto rightChildren = rightNode ? rightNode->childNodes() : std::span<const KVNFileNodePtr>();
-    QHash<QByteArray, KVNFileNodePtr> leftTable;
-    QHash<QByteArray, KVNFileNodePtr> rightTable;
-    leftTable.reserve(qsizetype(leftChildren.size()));
-    rightTable.reserve(qsizetype(rightChildren.size()));
-    std::vector<std::pair<QByteArray, KVNFileNodePtr>> merged; // key and node
-    merged.reserve(leftChildren.size() + rightChildren.size());
+    const ChildIndex leftIndex(leftChildren);
+    const ChildIndex rightIndex(rightChildren);
+    // Every left child, and the right ones whose names no left child has.
     // Siblings share their directory, so their names alone pair them.
-    for (const auto &node : leftChildren) {
-        QByteArray key = KVNPathBytes::lowercaseName(node->name());
-        leftTable.insert(key, node); // a later same key replaces the earlier; both stay merged
-        merged.emplace_back(std::move(key), node);
-    }
-    for (const auto &node : rightChildren) {
-        QByteArray key = KVNPathBytes::lowercaseName(node->name());
-        if (!leftTable.contains(key))
-            merged.emplace_back(key, node);
-        rightTable.insert(std::move(key), node);
-    }
+    struct Merged {
+        const KVNFileNode *node;
+        uint64_t hash;
+    };
+    std::vector<Merged> merged;
+    merged.reserve(leftChildren.size() + rightChildren.size());
+    for (std::size_t i = 0; i < leftChildren.size(); ++i)
+        merged.push_back({leftChildren[i].get(), leftIndex.hashAt(i)});
+    for (std::size_t i = 0; i < rightChildren.size(); ++i)
+        if (!leftIndex.find(rightIndex.hashAt(i), rightChildren[i]->nameView()))
+            merged.push_back({rightChildren[i].get(), rightIndex.hashAt(i)});
     // Names are decoded once for the sort, not once per comparison.
     std::vector<std::pair<QString, std::size_t>> order;
     order.reserve(merged.size());
     for (std::size_t i = 0; i < merged.size(); ++i)
-        order.emplace_back(merged[i].second->spotlightItemFSName(), i);
+        order.emplace_back(merged[i].node->spotlightItemFSName(), i);
     std::stable_sort(order.begin(), order.end(), [](const auto &a, const auto &b) {
         return QString::compare(a.first, b.first, Qt::CaseInsensitive) < 0;
     });
 
     const uint32_t depth = depthHint + 1;
     for (const auto &entry : order) {
-        const QByteArray &key = merged[entry.second].first;
-        KVNFileNodePtr left = leftTable.value(key);
-        KVNFileNodePtr right = rightTable.value(key);
+        const Merged &child = merged[entry.second];
+        KVNFileNodePtr left = leftIndex.find(child.hash, child.node->nameView());
+        KVNFileNodePtr right = rightIndex.find(child.hash, child.node->nameView());
         auto element = KVNDirDiffTableElement::make(left, right);
         element->setDepthHint(depth);
         element->setParentElement(parentTableElement);
