@@ -15,19 +15,18 @@
 #include "KVNCompareFileOperation.h"
 #include "KVNDirCompDocument.h"
 #include "KVNOperationQueue.h"
+#include "KVNRunStatistics.h"
 #include "KVNUserDefaults.h"
 
 #include <QCoreApplication>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cxxabi.h>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -300,72 +299,32 @@ private:
     bool aside_ = false;
 };
 
-// When each kind of operation first started and last finished, in seconds
-// from the update's start, so that the slow stage of a rescan shows.
-class StageClock {
-public:
-    void attach(KVNOperationQueue &queue)
-    {
-        {
-            std::lock_guard lock(mutex_);
-            spans_.clear();
-            start_ = now();
+// The median start and end of each stage of the updates, from their start.
+void printStages(const std::vector<std::array<KVNRunStatistics::Figure, KVNRunStatistics::StageCount>> &runs)
+{
+    std::printf("update stages (medians; first start .. last end, seconds from the update's start):\n");
+    for (int stage = 0; stage < KVNRunStatistics::StageCount; ++stage) {
+        std::vector<double> first, last, count;
+        for (const auto &figures : runs) {
+            const auto &figure = figures[stage];
+            if (figure.first < 0)
+                continue;
+            first.push_back(figure.first);
+            last.push_back(figure.last);
+            count.push_back(double(figure.count));
         }
-        queue.setOperationRunObserver([this](const KVNOperation &operation, bool started) {
-            const double t = now();
-            std::lock_guard lock(mutex_);
-            Span &span = spans_[typeid(operation).name()];
-            if (started && span.first < 0)
-                span.first = t - start_;
-            if (!started) {
-                span.last = t - start_;
-                ++span.count;
-            }
-        });
+        if (!first.empty())
+            std::printf("  %-14s %7.3f .. %7.3f  %9.0f\n", KVNRunStatistics::stageName(KVNRunStatistics::Stage(stage)),
+                        median(first), median(last), median(count));
     }
-    void detach(KVNOperationQueue &queue)
-    {
-        queue.setOperationRunObserver(nullptr);
-        std::lock_guard lock(mutex_);
-        for (const auto &[name, span] : spans_)
-            runs_[name].push_back(span);
-    }
-    void print() const
-    {
-        std::printf("rescan stages (medians; first start .. last end, seconds from the update's start):\n");
-        for (const auto &[name, spans] : runs_) {
-            std::vector<double> first, last, count;
-            for (const Span &span : spans) {
-                first.push_back(span.first);
-                last.push_back(span.last);
-                count.push_back(double(span.count));
-            }
-            int status = 0;
-            char *readable = abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status);
-            std::printf("  %-40s %7.3f .. %7.3f  %8.0f ran\n", status == 0 ? readable : name.c_str(), median(first),
-                        median(last), median(count));
-            std::free(readable);
-        }
-    }
-
-private:
-    struct Span {
-        double first = -1;
-        double last = 0;
-        uint64_t count = 0;
-    };
-    std::mutex mutex_;
-    std::map<std::string, Span> spans_;
-    std::map<std::string, std::vector<Span>> runs_;
-    double start_ = 0;
-};
+}
 
 int rescan(const QByteArray &original, const QByteArray &modified, Change &change, int runs)
 {
     std::vector<double> fullSeconds, rescanSeconds;
     std::vector<uint64_t> pairsReadAgain;
     std::vector<double> rowsBefore, rowsAfter;
-    StageClock stages;
+    std::vector<std::array<KVNRunStatistics::Figure, KVNRunStatistics::StageCount>> stages;
     for (int run = 0; run < runs; ++run) {
         auto document = KVNDirCompDocument::make();
         document->setWatchesFileSystem(false);
@@ -381,12 +340,14 @@ int rescan(const QByteArray &original, const QByteArray &modified, Change &chang
 
         change.apply();
         const uint64_t pairsBefore = KVNCompareFileOperation::totalPairsRead();
-        stages.attach(document->refreshOperationQueue());
-        start = now();
-        document->performTableUpdate();
-        waitForRun(*document, 2);
-        rescanSeconds.push_back(now() - start);
-        stages.detach(document->refreshOperationQueue());
+        {
+            KVNRunStatistics statistics(*document);
+            start = now();
+            document->performTableUpdate();
+            waitForRun(*document, 2);
+            rescanSeconds.push_back(now() - start);
+            stages.push_back(statistics.figures());
+        }
         pairsReadAgain.push_back(KVNCompareFileOperation::totalPairsRead() - pairsBefore);
         rowsAfter.push_back(double(document->sourceArrayController()->arrangedObjects().size()));
         change.restore();
@@ -413,7 +374,7 @@ int rescan(const QByteArray &original, const QByteArray &modified, Change &chang
     std::printf("rescan/full %.3f; the two whole scans an update makes cannot take less than the bare walk of both"
                 " trees, %.3f s, %.3f of the full run\n",
                 full > 0 ? update / full : 0.0, floor, full > 0 ? floor / full : 0.0);
-    stages.print();
+    printStages(stages);
     return asExpected ? 0 : 1;
 }
 

@@ -186,7 +186,7 @@ pick_directory() {
 subtree_rescan() {
     local out status=0
     out=$("$pipeline" "$1" "$2" "$3" "$4" "$runs") || status=$?
-    printf '%s\n' "$out" | grep -E '^rescan:|DiffSourceArrayControllers' | sed 's/^ */  /' || true
+    printf '%s\n' "$out" | grep -E '^rescan:|^ *reconcile ' | sed 's/^ */  /' || true
     [ "$status" -eq 0 ] || echo "run-benchmarks: the update after $4 $1 read other pairs than expected" >&2
 }
 

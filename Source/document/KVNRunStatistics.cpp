@@ -4,6 +4,7 @@
 #include "KVNBuildTreeFastOperation.h"
 #include "KVNCompareDirOperation.h"
 #include "KVNCompareFileOperation.h"
+#include "KVNDiffSourceArrayControllersOperation.h"
 #include "KVNDirCompDocument.h"
 #include "KVNMarkSingleOperation.h"
 #include "KVNRefreshTableOperation.h"
@@ -11,9 +12,9 @@
 #include <cstdio>
 
 namespace {
-const char *const kStageNames[] = {"scan-left",    "scan-right",   "table",  "compare-files",
-                                   "compare-dirs", "mark-singles", "refresh"};
-const char *const kStageUnits[] = {"items", "items", "rows", "pairs", "pairs", "runs", "rows"};
+const char *const kStageNames[] = {"scan-left",     "scan-right",   "table",        "reconcile",
+                                   "compare-files", "compare-dirs", "mark-singles", "refresh"};
+const char *const kStageUnits[] = {"items", "items", "rows", "runs", "pairs", "pairs", "runs", "rows"};
 static_assert(std::size(kStageNames) == KVNRunStatistics::StageCount);
 static_assert(std::size(kStageUnits) == KVNRunStatistics::StageCount);
 } // namespace
@@ -42,6 +43,8 @@ void KVNRunStatistics::operationRan(const KVNOperation &operation, bool started)
     } else if (auto table = dynamic_cast<const KVNBuildTableOperation *>(&operation)) {
         stage = Table;
         count = table->rowCount();
+    } else if (dynamic_cast<const KVNDiffSourceArrayControllersOperation *>(&operation)) {
+        stage = Reconcile;
     } else if (dynamic_cast<const KVNCompareFileOperation *>(&operation)) {
         stage = CompareFiles;
     } else if (dynamic_cast<const KVNCompareDirOperation *>(&operation)) {
@@ -66,16 +69,35 @@ void KVNRunStatistics::operationRan(const KVNOperation &operation, bool started)
     span.count += count;
 }
 
-void KVNRunStatistics::print() const
+std::array<KVNRunStatistics::Figure, KVNRunStatistics::StageCount> KVNRunStatistics::figures() const
 {
-    const auto seconds = [](Clock::duration d) { return std::chrono::duration<double>(d).count(); };
+    const auto seconds = [this](Clock::time_point t) { return std::chrono::duration<double>(t - start_).count(); };
+    std::array<Figure, StageCount> figures;
     std::lock_guard lock(mutex_);
     for (int stage = 0; stage < StageCount; ++stage) {
         const Span &span = spans_[stage];
-        const double time = span.last > span.first ? seconds(span.last - span.first) : 0.0;
-        std::fprintf(stderr, "stats: %s %.3f %llu %s\n", kStageNames[stage], time,
-                     static_cast<unsigned long long>(span.count), kStageUnits[stage]);
+        if (span.first != Clock::time_point{})
+            figures[stage] = {seconds(span.first), std::max(seconds(span.last), seconds(span.first)), span.count};
     }
+    return figures;
+}
+
+const char *KVNRunStatistics::stageName(Stage stage)
+{
+    return kStageNames[stage];
+}
+
+void KVNRunStatistics::print() const
+{
+    const auto all = figures();
+    for (int stage = 0; stage < StageCount; ++stage) {
+        const Figure &figure = all[stage];
+        if (figure.first < 0)
+            continue;
+        std::fprintf(stderr, "stats: %s %.3f %llu %s\n", kStageNames[stage], figure.last - figure.first,
+                     static_cast<unsigned long long>(figure.count), kStageUnits[stage]);
+    }
+    const auto seconds = [](Clock::duration d) { return std::chrono::duration<double>(d).count(); };
     std::fprintf(stderr, "stats: total %.3f\n", seconds(Clock::now() - start_));
     std::fprintf(stderr, "stats: bytes-read %llu\n",
                  static_cast<unsigned long long>(KVNCompareFileOperation::totalBytesRead() - bytesReadAtStart_));

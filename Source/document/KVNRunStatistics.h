@@ -11,16 +11,25 @@
 
 class KVNDirCompDocument;
 
-// Per-stage times and counts of one comparison, gathered from its queue, so
-// that a slow stage can be found: kvdiff --stats.
+// Per-stage times and counts of the runs on a document's queue while this
+// listens, so that a slow stage can be found: kvdiff --stats, and the update
+// stages of kvn_bench_pipeline.
 class KVNRunStatistics {
 public:
-    enum Stage { ScanLeft, ScanRight, Table, CompareFiles, CompareDirs, MarkSingles, Refresh, StageCount };
+    enum Stage { ScanLeft, ScanRight, Table, Reconcile, CompareFiles, CompareDirs, MarkSingles, Refresh, StageCount };
+    // Seconds from the start of listening; first is negative for a stage that never started.
+    struct Figure {
+        double first = -1;
+        double last = 0;
+        uint64_t count = 0;
+    };
 
-    // Starts listening to the document's queue; call before the run starts.
+    // Starts listening to the document's queue; make it before the run starts.
     explicit KVNRunStatistics(KVNDirCompDocument &document);
     ~KVNRunStatistics();
-    // Writes the figures to standard error.
+    std::array<Figure, StageCount> figures() const;
+    static const char *stageName(Stage stage);
+    // Writes the figures of the stages that ran to standard error.
     void print() const;
 
 private:
