@@ -1,9 +1,9 @@
 #include "KVNBuildTableOperation.h"
 
 #include "KVNPathBytes.h"
+#include "KVNProbeSlots.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace {
 
@@ -13,7 +13,7 @@ namespace {
 class ChildIndex {
 public:
     explicit ChildIndex(std::span<const KVNFileNodePtr> children)
-        : children_(children), hashes_(children.size()), slots_(std::bit_ceil(2 * children.size() + 1), 0)
+        : children_(children), hashes_(children.size()), slots_(KVNMakeSlots(children.size()))
     {
         for (std::size_t i = 0; i < children.size(); ++i) {
             hashes_[i] = KVNPathBytes::hashLowercaseName(KVNPathBytes::kHashSeed, children[i]->nameView());
@@ -29,16 +29,11 @@ public:
     }
 
 private:
-    // The slot of the name: the one that holds it, or the empty one where it would go.
     std::size_t probe(uint64_t hash, QByteArrayView name) const
     {
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
-            const uint32_t slot = slots_[at];
-            if (!slot ||
-                (hashes_[slot - 1] == hash && KVNPathBytes::lowercaseNamesEqual(children_[slot - 1]->nameView(), name)))
-                return at;
-        }
+        return KVNProbeSlots(slots_, hash, [&](uint32_t i) {
+            return hashes_[i] == hash && KVNPathBytes::lowercaseNamesEqual(children_[i]->nameView(), name);
+        });
     }
 
     std::span<const KVNFileNodePtr> children_;

@@ -3,6 +3,7 @@
 #include "KVNCompareDirOperation.h"
 #include "KVNCompareFileOperation.h"
 #include "KVNMainThread.h"
+#include "KVNProbeSlots.h"
 
 #include <deque>
 #include <unordered_map>
@@ -171,14 +172,7 @@ public:
         bool found = false;                    // some fresh row has this path
     };
 
-    explicit BoundTable(std::size_t count)
-    {
-        std::size_t capacity = 16;
-        while (capacity < 2 * count)
-            capacity *= 2;
-        slots_.assign(capacity, 0);
-        entries_.reserve(count);
-    }
+    explicit BoundTable(std::size_t count) : slots_(KVNMakeSlots(count)) { entries_.reserve(count); }
 
     // The entry of the key, made for the row or given to it.
     Entry &add(const PathKeys::Key &key, KVNDirDiffTableElement *row)
@@ -201,12 +195,8 @@ public:
 private:
     uint32_t &slotOf(const PathKeys::Key &key)
     {
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t at = key.hash & mask;; at = (at + 1) & mask) {
-            uint32_t &slot = slots_[at];
-            if (!slot || PathKeys::equal(entries_[slot - 1].key, key))
-                return slot;
-        }
+        return slots_[KVNProbeSlots(slots_, key.hash,
+                                    [&](uint32_t i) { return PathKeys::equal(entries_[i].key, key); })];
     }
 
     std::vector<uint32_t> slots_; // entry index + 1; 0 is empty
