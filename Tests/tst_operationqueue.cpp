@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A one-shot event that threads wait for.
+// A one-shot event that threads wait for, with a time limit.
 class Gate {
 public:
     void open()
@@ -58,12 +58,12 @@ KVNOperationPtr op(std::function<void()> body)
     return KVNBlockOperation::make([body = std::move(body)](KVNBlockOperation &) { body(); });
 }
 
-// Its cancel() counts down a latch shared by a group of probes. A holding probe's
-// body waits until the whole group has been cancelled, in whatever order.
+// Its cancel() counts down a latch shared by a group; a holding probe's body
+// waits until the whole group is cancelled, in whatever order.
 class Probe : public KVNOperation {
 public:
     Probe(std::latch &group, bool holds) : group_(group), holds_(holds) {}
-    Gate started;
+    std::latch started{1};
     std::atomic<bool> ranBody{false}, sawCancel{false};
     void cancel() override
     {
@@ -76,7 +76,7 @@ protected:
     void main() override
     {
         ranBody = true;
-        started.open();
+        started.count_down();
         if (holds_) {
             group_.wait();
             sawCancel = isCancelled();
@@ -145,44 +145,13 @@ private slots:
         QCOMPARE(queue.finishedOperationTotal(), std::size_t(count + 1));
     }
 
-    void cancelAllReachesWaitingOperations()
+    // The canceller may be preempted right after the running body has seen its
+    // flag; the freed worker must not start anything queued or waiting behind it.
+    void cancelAllStopsQueuedAndWaitingWork()
     {
-        std::latch group(12); // eleven probes, and the test's own release
-        auto holder = std::make_shared<Probe>(group, true);
-        std::vector<std::shared_ptr<Probe>> rest;
-        for (int i = 0; i < 10; ++i) {
-            rest.push_back(std::make_shared<Probe>(group, false));
-            if (i >= 5) // waiting for a dependency; the first five are ready behind the busy thread
-                rest.back()->addDependency(i == 5 ? holder : rest[i - 1]);
-        }
-        KVNOperationQueue queue;
-        queue.setMaxConcurrentOperationCount(1);
-        queue.addOperation(holder);
-        holder->started.waitFor();
-        queue.addOperations({rest.begin(), rest.end()});
-        queue.cancelAllOperations();
-        for (const auto &probe : rest)
-            QVERIFY(probe->isCancelled());
-        // Cancelling is not a state of the queue, and a cancelled operation still releases its dependants.
-        std::atomic<bool> dependantRan{false};
-        auto dependant = op([&] { dependantRan = rest.back()->isFinished(); });
-        dependant->addDependency(rest.back());
-        queue.addOperation(dependant);
-        QVERIFY(!rest.back()->isFinished());
-        group.count_down();
-        queue.waitUntilAllOperationsAreFinished();
-        QVERIFY(holder->sawCancel); // a running body only gets to see the flag
-        for (const auto &probe : rest)
-            QVERIFY(probe->isFinished() && !probe->ranBody);
-        QVERIFY(dependantRan);
-    }
-
-    void cancelAllStopsQueuedWorkAtOnce()
-    {
-        // The canceller may be preempted right after the running body has seen
-        // its flag; the freed worker must not start work queued behind it.
         struct Releasing : KVNOperation {
             Gate started, released, otherStarted;
+            std::atomic<bool> sawCancel{false};
             void cancel() override
             {
                 KVNOperation::cancel();
@@ -193,22 +162,38 @@ private slots:
             {
                 started.open();
                 released.waitFor();
+                sawCancel = isCancelled();
             }
         };
         auto running = std::make_shared<Releasing>();
         std::atomic<int> bodies{0};
+        std::vector<KVNOperationPtr> rest;
+        for (int i = 0; i < 10; ++i) {
+            rest.push_back(op([&] {
+                ++bodies;
+                running->otherStarted.open();
+            }));
+            if (i >= 5) // waiting for a dependency; the first five are ready behind the busy worker
+                rest.back()->addDependency(i == 5 ? running : rest[i - 1]);
+        }
         KVNOperationQueue queue;
         queue.setMaxConcurrentOperationCount(1);
         queue.addOperation(running);
         running->started.waitFor();
-        for (int i = 0; i < 3; ++i)
-            queue.addOperation(op([&] {
-                ++bodies;
-                running->otherStarted.open();
-            }));
+        queue.addOperations(rest);
         queue.cancelAllOperations();
+        for (const auto &operation : rest)
+            QVERIFY(operation->isCancelled());
+        // Cancelling is not a state of the queue, and a cancelled operation still releases its dependants.
+        std::atomic<bool> dependantRan{false};
+        auto dependant = op([&] { dependantRan = rest.back()->isFinished(); });
+        dependant->addDependency(rest.back());
+        queue.addOperation(dependant);
         queue.waitUntilAllOperationsAreFinished();
         QCOMPARE(bodies.load(), 0);
+        QVERIFY(running->sawCancel && dependantRan); // a running body only gets to see the flag
+        for (const auto &operation : rest)
+            QVERIFY(operation->isFinished());
     }
 
     void throwingBodyFinishesAndWorkerSurvives()
@@ -253,37 +238,12 @@ private slots:
         QVERIFY(settled);
     }
 
-    void graphsGrowWhileTheyRun()
+    // A wait covers operations added while it waits: invokeAndWait() returns
+    // only once the main thread is inside the wait (no event loop spins here).
+    void waitCoversOperationsAddedWhileItWaits()
     {
-        // A stage queues its children and a barrier after them; a closing step,
-        // queued already, cannot be ready while the stage runs.
-        constexpr int children = 1000;
-        KVNOperationQueue queue;
-        std::atomic<int> childrenRun{0}, barrierSaw{-1};
-        std::atomic<bool> closingAfterBarrier{false};
-        KVNOperationPtr barrier;
-        auto closing = op([&] { closingAfterBarrier = barrier && barrier->isFinished(); });
-        auto stage = op([&] {
-            barrier = op([&] { barrierSaw = childrenRun.load(); });
-            std::vector<KVNOperationPtr> batch;
-            for (int i = 0; i < children; ++i) {
-                batch.push_back(op([&] { ++childrenRun; }));
-                barrier->addDependency(batch.back());
-            }
-            batch.push_back(barrier);
-            closing->addDependency(barrier);
-            queue.addOperations(batch);
-        });
-        closing->addDependency(stage);
-        queue.addOperations({stage, closing});
-        queue.waitUntilAllOperationsAreFinished();
-        QCOMPARE(barrierSaw.load(), children);
-        QVERIFY(closingAfterBarrier);
-        QCOMPARE(queue.finishedOperationTotal(), std::size_t(children + 3));
-
-        // A wait covers operations added while it waits: invokeAndWait() returns
-        // only once the main thread is inside the wait (no event loop spins here).
         constexpr int length = 300;
+        KVNOperationQueue queue;
         std::atomic<int> links{0};
         std::function<void()> link = [&] {
             if (++links < length)
@@ -357,7 +317,7 @@ private slots:
         auto late = op([&] { lateRan = true; });
         auto ready = op([&] { readyRan = true; });
         queue.addOperation(busy);
-        busy->started.waitFor();
+        busy->started.wait();
         queue.addOperation(ready); // ready, behind the busy worker
         QVERIFY(!ready->addDependency(late));
         QVERIFY(ready->dependencies().empty());
@@ -391,7 +351,7 @@ private slots:
         std::latch group(1);
         auto holder = std::make_shared<Probe>(group, true);
         other.addOperation(holder);
-        holder->started.waitFor();
+        holder->started.wait();
         auto waiting = op([] {});
         waiting->addDependency(holder);
         auto queue = std::make_shared<KVNOperationQueue>();
@@ -419,7 +379,11 @@ private slots:
         QFETCH(int, width);
         QFETCH(int, expected);
         KVNOperationQueue queue;
-        queue.setMaxConcurrentOperationCount(7);
+        queue.setMaxConcurrentOperationCount(4);
+        std::latch warm(4); // leaves four threads behind, which a narrower width must not use
+        for (int i = 0; i < 4; ++i)
+            queue.addOperation(op([&] { warm.arrive_and_wait(); }));
+        queue.waitUntilAllOperationsAreFinished();
         queue.setMaxConcurrentOperationCount(width);
         QCOMPARE(queue.maxConcurrentOperationCount(), expected);
         ConcurrencyMeter meter;
@@ -436,93 +400,58 @@ private slots:
         QCOMPARE(meter.peak.load(), expected);
     }
 
-    void changedWidthAppliesToUsedQueue()
+    // Widened while its only worker is busy, a queue starts the next at once.
+    void widenedQueueStartsWaitingWorkAtOnce()
     {
         KVNOperationQueue queue;
-        queue.setMaxConcurrentOperationCount(4);
-        std::latch warm(4); // leaves four threads behind
-        for (int i = 0; i < 4; ++i)
-            queue.addOperation(op([&] { warm.arrive_and_wait(); }));
-        queue.waitUntilAllOperationsAreFinished();
-        queue.setMaxConcurrentOperationCount(2);
-        ConcurrencyMeter meter;
-        Gate overLimit;
-        for (int i = 0; i < 4; ++i)
-            queue.addOperation(op([&] {
-                meter.enter();
-                if (meter.peak > 2)
-                    overLimit.open();
-                overLimit.waitFor(500ms); // holds the body so that a third one would overlap
-                meter.leave();
-            }));
-        queue.waitUntilAllOperationsAreFinished();
-        QVERIFY2(meter.peak <= 2, qPrintable(QString("%1 at once with width 2").arg(meter.peak.load())));
-
-        // Widened while its only worker is busy, a queue starts the next at once.
-        KVNOperationQueue narrow;
-        narrow.setMaxConcurrentOperationCount(1);
+        queue.setMaxConcurrentOperationCount(1);
         std::latch group(1);
         auto first = std::make_shared<Probe>(group, true);
         Gate secondStarted;
-        narrow.addOperation(first);
-        first->started.waitFor();
-        narrow.addOperation(op([&] { secondStarted.open(); }));
-        narrow.setMaxConcurrentOperationCount(2);
+        queue.addOperation(first);
+        first->started.wait();
+        queue.addOperation(op([&] { secondStarted.open(); }));
+        queue.setMaxConcurrentOperationCount(2);
         const bool overlapped = secondStarted.waitFor(2s);
         first->cancel();
-        narrow.waitUntilAllOperationsAreFinished();
+        queue.waitUntilAllOperationsAreFinished();
         QVERIFY(overlapped);
     }
 
-    void countObserverSeesRiseAndReturnToZero()
+    // The destructor cancels, waits for the running body, and leaves the count
+    // observer with every step up and down, none skipped or reordered.
+    void destructionCancelsWaitsAndCountsDown()
     {
         std::mutex mutex;
         std::vector<std::pair<std::size_t, std::size_t>> seen; // (new, old)
-        std::latch group(1);
-        auto gate = std::make_shared<Probe>(group, true);
-        {
-            KVNOperationQueue queue;
-            queue.setOperationCountObserver([&](std::size_t now, std::size_t old) {
-                std::lock_guard lock(mutex);
-                seen.emplace_back(now, old);
-            });
-            queue.addOperation(gate);
-            for (int i = 0; i < 9; ++i) {
-                auto operation = op([] {});
-                operation->addDependency(gate);
-                queue.addOperation(operation);
-            }
-            QCOMPARE(queue.operationCount(), std::size_t(10));
-            gate->cancel();
-            queue.waitUntilAllOperationsAreFinished();
-        } // the workers are joined: every notification has been made
-        QVERIFY(seen.size() >= 11);
-        for (std::size_t i = 0; i < 10; ++i)
-            QCOMPARE(seen[i], std::make_pair(i + 1, i));
-        for (std::size_t i = 10; i < seen.size(); ++i) // falling, none skipped or reordered
-            QVERIFY(seen[i].second == seen[i - 1].first && seen[i].first < seen[i].second);
-        QCOMPARE(seen.back().first, std::size_t(0));
-    }
-
-    void destructionCancelsAndWaits()
-    {
-        std::latch group(7);
+        std::latch group(10);
         auto running = std::make_shared<Probe>(group, true);
         std::vector<std::shared_ptr<Probe>> pending;
-        for (int i = 0; i < 6; ++i) {
+        auto queue = std::make_unique<KVNOperationQueue>();
+        queue->setMaxConcurrentOperationCount(1);
+        queue->setOperationCountObserver([&](std::size_t now, std::size_t old) {
+            std::lock_guard lock(mutex);
+            seen.emplace_back(now, old);
+        });
+        queue->addOperation(running);
+        running->started.wait();
+        for (int i = 0; i < 9; ++i) {
             pending.push_back(std::make_shared<Probe>(group, false));
             if (i % 2)
                 pending.back()->addDependency(running);
+            queue->addOperation(pending.back());
         }
-        auto queue = std::make_unique<KVNOperationQueue>();
-        queue->setMaxConcurrentOperationCount(1);
-        queue->addOperation(running);
-        running->started.waitFor();
-        queue->addOperations({pending.begin(), pending.end()});
+        QCOMPARE(queue->operationCount(), std::size_t(10));
         queue.reset();
-        QVERIFY(running->sawCancel && running->isFinished()); // it ended before the destructor returned
+        QVERIFY(running->sawCancel && running->isFinished());
         for (const auto &probe : pending)
             QVERIFY(probe->isFinished() && !probe->ranBody);
+        QVERIFY(seen.size() >= 11);
+        for (std::size_t i = 0; i < 10; ++i)
+            QCOMPARE(seen[i], std::make_pair(i + 1, i));
+        for (std::size_t i = 10; i < seen.size(); ++i)
+            QVERIFY(seen[i].second == seen[i - 1].first && seen[i].first < seen[i].second);
+        QCOMPARE(seen.back().first, std::size_t(0));
     }
 
     void postRunsLaterOnMainThreadInOrder()
@@ -626,11 +555,8 @@ private slots:
         lock.lock();
         bool taken = true;
         std::thread([&] { taken = lock.try_lock(); }).join();
+        lock.unlock();
         QVERIFY(!taken);
-        lock.unlock();
-        std::thread([&] { taken = lock.try_lock(); }).join();
-        QVERIFY(taken);
-        lock.unlock();
     }
 };
 

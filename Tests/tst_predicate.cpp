@@ -37,34 +37,29 @@ const KVNTestObject sampleRow({{"name", S("Readme.TXT")},
                                {"quote", S("say \"hi\"")},
                                {"percent", S("50%")},
                                {"astral", S(QStringLiteral("x\U0001D400y"))},
-                               {"empty", S("")}});
+                               {"empty", S("")},
+                               {"eclair", S("Éclair")},
+                               {"lower", S("éclair")},
+                               {"deseret", S("\xF0\x90\x90\x80")}});
 
 KVNPredicatePtr parseOrFail(const QString &format, const Values &arguments = {})
 {
     const auto result = KVNPredicate::parse(format, arguments);
     if (!result.ok())
-        qWarning().noquote() << "parse failed:" << format << "->" << result.error->message << "at"
-                             << result.error->position;
+        qWarning().noquote() << "parse failed:" << format << "->" << result.error->message;
     return result.predicate;
-}
-
-KVNPredicatePtr comparison(const QString &key, Operator op, KVNValue constant, unsigned options = 0)
-{
-    return KVNComparisonPredicate::make(*KVNExpression::keyPath(QStringView(key)), op,
-                                        KVNExpression::constant(std::move(constant)), options);
 }
 
 // render → parse → render must give the same text and an equal predicate.
 QString roundTripFailure(const KVNPredicatePtr &predicate)
 {
     const QString text = predicate->predicateFormat();
-    const auto reparsed = KVNPredicate::parse(text);
-    if (!reparsed.ok())
-        return QStringLiteral("'%1' does not parse: %2").arg(text, reparsed.error->message);
-    if (!reparsed.predicate->isEqual(*predicate) || !predicate->isEqual(*reparsed.predicate))
-        return QStringLiteral("'%1' parses to another predicate '%2'").arg(text, reparsed.predicate->predicateFormat());
-    if (reparsed.predicate->predicateFormat() != text)
-        return QStringLiteral("'%1' renders again as '%2'").arg(text, reparsed.predicate->predicateFormat());
+    const auto back = KVNPredicate::parse(text);
+    if (!back.ok())
+        return "'" + text + "' does not parse: " + back.error->message;
+    const QString again = back.predicate->predicateFormat();
+    if (!back.predicate->isEqual(*predicate) || !predicate->isEqual(*back.predicate) || again != text)
+        return "'" + text + "' comes back as '" + again + "'";
     return QString();
 }
 
@@ -74,7 +69,8 @@ QString roundTripFailure(const KVNPredicatePtr &predicate)
         QVERIFY2(failure.isEmpty(), qPrintable(failure.left(300)));                                                    \
     } while (0)
 
-// Random predicates from the factories, and random text near the grammar.
+// Random predicates from the factories, with reserved words, non-ASCII and
+// astral letters in key paths and every awkward character in constants.
 class Generator {
 public:
     explicit Generator(uint32_t seed) : rng_(seed) {}
@@ -83,7 +79,6 @@ public:
 
     KVNExpression keyPath()
     {
-        // Reserved words, non-ASCII and astral letters must survive as key paths.
         static const char *const keys[] = {"name", "_x1",  "a$b",   "like", "AND",          "self",
                                            "In",   "date", "größe", "名前", "e\xCC\x81tat", "\U0001D400bc"};
         QStringList components{QString::fromUtf8(pick(keys))};
@@ -92,33 +87,28 @@ public:
         return *KVNExpression::keyPath(components);
     }
 
-    KVNValue constant()
+    KVNExpression constant()
     {
-        static const char16_t pool[] = {u'a', u'Z', u' ', u'"', u'\'', u'\\', u'%',   u'*',   u'?',   u'\n', u'\t',
-                                        0x01, 0x7F, 0x85, u'é', u'É',  0x301, 0x2028, 0xD800, 0xDC00, u'名', u'.'};
+        static const char16_t pool[] = {u'a', u' ', u'"', u'\'', u'\\', u'%', u'*',   u'?',   u'\n',  u'\t',
+                                        0x01, 0x7F, 0x85, u'É',  0x301, u'.', 0x2028, 0xD800, 0xDC00, u'名'};
         static const double reals[] = {0.1, -0.0, 1e300, 5e-324, std::numeric_limits<double>::infinity(), 1e21};
+        // Any bit pattern too; NaN is refused by the factory and drawn again.
+        const uint64_t bits = (uint64_t(rng_()) << 32) | rng_();
+        double d;
+        std::memcpy(&d, &bits, sizeof d);
         QString text;
-        switch (below(7)) {
-        case 0:
-            return KVNValue();
-        case 1:
-            return B(below(2) == 1);
-        case 2:
-            return I(below(2) ? std::numeric_limits<int64_t>::min() : int64_t(rng_()) - int64_t(rng_()) * 4096);
-        case 3: {
-            // Any bit pattern; NaN is refused by the factory and drawn again.
-            const uint64_t bits = (uint64_t(rng_()) << 32) | rng_();
-            double d;
-            std::memcpy(&d, &bits, sizeof d);
-            return D(below(2) ? pick(reals) : d);
-        }
-        case 4:
-            return KVNValue::fromDate({int64_t(rng_()) - int64_t(rng_()), uint32_t(rng_())});
-        default:
-            for (int i = below(8); i > 0; --i)
-                text += below(10) == 0 ? QStringLiteral("\U0001D400") : QString(QChar(pick(pool)));
-            return S(text);
-        }
+        for (int i = below(8); i > 0; --i)
+            text += below(10) == 0 ? QStringLiteral("\U0001D400") : QString(QChar(pick(pool)));
+        const KVNValue values[] = {KVNValue(),
+                                   B(below(2) == 1),
+                                   I(std::numeric_limits<int64_t>::min()),
+                                   I(int64_t(rng_()) - int64_t(rng_()) * 4096),
+                                   D(pick(reals)),
+                                   D(d),
+                                   KVNValue::fromDate({int64_t(rng_()) - int64_t(rng_()), uint32_t(rng_())}),
+                                   S(text),
+                                   S(text)};
+        return KVNExpression::constant(pick(values));
     }
 
     KVNPredicatePtr predicate(int depth)
@@ -135,19 +125,14 @@ public:
             return choice % 2 ? KVNPredicate::andPredicateWithSubpredicates(subs)
                               : KVNPredicate::orPredicateWithSubpredicates(subs);
         }
-        static const char *const patterns[] = {".*", "a[bc]+", "(x|y)?z", "\\d{2,}", "é.", "[^\"]*"};
         while (true) {
             const auto op = Operator(below(int(Operator::In) + 1));
-            KVNExpression left = below(10) == 0  ? KVNExpression::self()
-                                 : below(9) == 0 ? KVNExpression::constant(constant())
-                                                 : keyPath();
-            KVNExpression right = below(5) == 0 ? keyPath() : KVNExpression::constant(constant());
-            if (op == Operator::Matches && below(2) == 0)
-                right = KVNExpression::constant(S(QString::fromUtf8(pick(patterns))));
+            const KVNExpression left = below(10) == 0 ? KVNExpression::self() : below(9) == 0 ? constant() : keyPath();
+            KVNExpression right = below(5) == 0 ? keyPath() : constant();
             if (op == Operator::In && below(2) == 0) {
                 std::vector<KVNExpression> elements;
                 for (int i = below(4); i > 0; --i)
-                    elements.push_back(KVNExpression::constant(constant()));
+                    elements.push_back(constant());
                 right = KVNExpression::aggregate(std::move(elements));
             }
             if (auto predicate = KVNComparisonPredicate::make(left, op, right, unsigned(below(4))))
@@ -155,40 +140,20 @@ public:
         }
     }
 
-    // A valid text with a few characters cut, doubled or replaced, or a soup of tokens.
-    QString noise()
+    // The text with pieces cut, doubled, or replaced by characters the grammar cares about.
+    QString damage(QString text)
     {
-        if (below(2) == 0) {
-            QString text = predicate(1)->predicateFormat();
-            for (int i = below(4); i > 0 && !text.isEmpty(); --i) {
-                const int at = below(int(text.size())), how = below(3);
-                if (how == 0)
-                    text.remove(at, 1 + below(3));
-                else if (how == 1)
-                    text.insert(at, text.at(at));
-                else
-                    text[at] = QChar(char16_t(below(128)));
-            }
-            return text;
+        static const QString tricky = QStringLiteral("()[]{}\"'\\%@Kd#!&|=<>.,0x1e \u00E9") + QChar(0xD800);
+        for (int i = below(2) + 1; i > 0 && !text.isEmpty(); --i) {
+            const int at = below(int(text.size())), how = below(3);
+            if (how == 0)
+                text.remove(at, 1 + below(3));
+            else if (how == 1)
+                text.insert(at, text.mid(at, 1 + below(6)));
+            else
+                text[at] = tricky[below(int(tricky.size()))];
         }
-        static const QStringList pieces =
-            QStringLiteral("(`)`a`b.c`==`!=`<`>=`=<`LIKE`[c]`[cd]`[x`AND`OR`NOT`!`&&`||`\"s\"`'t`\"`\\`%@`%d`%K`%%`%`1`"
-                           "-2.5e3`0x1F`0x`{`}`,`IN`MATCHES`\"(\"`nil`YES`SELF`DATE(`#`#like`TRUEPREDICATE` `é`"
-                           "\U0001D400`.`1e999`\"\\u00\"")
-                .split(u'`');
-        QString s;
-        for (int i = below(16); i > 0; --i)
-            s += pieces[below(int(pieces.size()))];
-        return below(8) == 0 ? s + QChar(0xD800) : s;
-    }
-
-    Values arguments()
-    {
-        static const KVNValue pool[] = {S("a"), S("b.c"), I(1), KVNValue(), B(true), D(0.5), S("("), S("a b")};
-        Values values;
-        for (int i = below(4); i > 0; --i)
-            values << pick(pool);
-        return values;
+        return text;
     }
 
 private:
@@ -204,9 +169,10 @@ private slots:
     void comparisons_data()
     {
         QTest::addColumn<QString>("format");
+        QTest::addColumn<Values>("arguments");
         QTest::addColumn<bool>("expected");
-        const auto row = [](const char *format, bool expected) {
-            QTest::newRow(format) << QString::fromUtf8(format) << expected;
+        const auto row = [](const char *format, bool expected, const Values &arguments = {}) {
+            QTest::newRow(format) << QString::fromUtf8(format) << arguments << expected;
         };
         // Numbers: integers, reals and booleans compare by value.
         row("diffResult = 3 AND diffResult == 3.0 AND diffResult == 0x3 AND diffResult <> 4", true);
@@ -230,52 +196,38 @@ private slots:
         // String operators on anything but two strings are false.
         row("diffResult BEGINSWITH \"3\" OR rightNode CONTAINS \"a\" OR name LIKE nil OR diffResult MATCHES \".*\"",
             false);
+        // Case and diacritics, also outside the BMP and between two key paths.
+        row("eclair ==[cd] \"ECLAIR\" AND eclair ==[d] \"Eclair\" AND eclair ==[c] \"éCLAIR\" AND eclair ==[c] lower",
+            true);
+        row("eclair ==[d] \"eclair\" OR eclair ==[c] \"eclair\" OR eclair !=[cd] \"eclair\" OR eclair == lower", false);
+        row("eclair BEGINSWITH[d] \"Ec\" AND eclair BEGINSWITH[c] \"éC\" AND eclair ENDSWITH[c] \"LAIR\"", true);
+        row("eclair CONTAINS[cd] \"ECL\" AND eclair MATCHES[cd] \"ecl.*\" AND \"Ecla\" IN[d] eclair", true);
+        row("eclair CONTAINS \"ecl\" OR eclair MATCHES \"ecl.*\" OR name > \"apple\"", false);
+        row("deseret ==[c] \"\\ud801\\udc28\" AND name >[c] \"apple\"", true);
         // Key paths step through objects; anything else part-way gives nil.
         row("leftNode.name == \"inner\" AND leftNode.diffResult == 5 AND leftNode.missing == nil", true);
         row("rightNode.name == nil AND name.length == nil AND #like == nil", true);
         // Dates by value.
         row("modified == DATE(1700000000, 500) AND modified > DATE(1699999999, 999999999)", true);
         row("modified < DATE(1700000000, 500) OR modified == 1700000000", false);
-        // IN.
         row("diffResult IN {1, 2, 3} AND \"me.T\" IN name AND name IN[c] {\"x\", \"readme.txt\"}", true);
         row("diffResult IN {1, 2} OR diffResult IN {}", false);
-        // Keywords in any case, constant predicates.
-        row("falsepredicate", false);
-        row("diffResult == 3 && !(size > 1)", false);
-        row("diffResult == 4 AND size > 1 OR isDirectory == YES", true); // AND binds tighter
+        // Keywords in any case, constant predicates, AND binding tighter than OR.
+        row("falsepredicate OR diffResult == 3 && !(size > 1)", false);
+        row("diffResult == 4 AND size > 1 OR isDirectory == YES", true);
         row("diffResult == 4 AND (size > 1 OR isDirectory == YES)", false);
+        // Arguments; a quoted %@ is text.
+        row("name == %@ AND rightNode == %@ AND isDirectory == %@ AND size == %@ AND modified == %@", true,
+            {S("Readme.TXT"), KVNValue(), B(true), D(1.5), KVNValue::fromDate({1700000000, 500})});
+        row("diffResult == %d AND diffResult == %i AND diffResult == %u AND diffResult == %ld AND "
+            "diffResult == %lu AND diffResult == %qu AND diffResult == %lld AND diffResult == %d",
+            true, {I(3), I(3), I(3), I(3), I(3), I(3), I(3), D(3.0)});
+        row("diffResult == %d", false, {B(true)});
+        row("%K == %@ AND %K.name == %@ AND %K == nil", true,
+            {S("leftNode.name"), S("inner"), S("leftNode"), S("inner"), S("like")});
+        row("name == \"%@\"", false);
     }
     void comparisons()
-    {
-        QFETCH(QString, format);
-        QFETCH(bool, expected);
-        const auto predicate = parseOrFail(format);
-        QVERIFY(predicate);
-        QCOMPARE(predicate->evaluateWithObject(sampleRow), expected);
-        VERIFY_ROUND_TRIP(predicate);
-        // The rendered text means the same on the row.
-        QCOMPARE(KVNPredicate::predicateWithFormat(predicate->predicateFormat())->evaluateWithObject(sampleRow),
-                 expected);
-    }
-
-    void formatArguments_data()
-    {
-        QTest::addColumn<QString>("format");
-        QTest::addColumn<Values>("arguments");
-        QTest::addColumn<bool>("expected");
-        QTest::newRow("%@ of every kind")
-            << "name == %@ AND rightNode == %@ AND isDirectory == %@ AND size == %@ AND modified == %@"
-            << Values{S("Readme.TXT"), KVNValue(), B(true), D(1.5), KVNValue::fromDate({1700000000, 500})} << true;
-        QTest::newRow("integer specifiers")
-            << "diffResult == %d AND diffResult == %i AND diffResult == %u AND diffResult == %ld AND "
-               "diffResult == %lu AND diffResult == %qu AND diffResult == %lld AND diffResult == %d"
-            << Values{I(3), I(3), I(3), I(3), I(3), I(3), I(3), D(3.0)} << true;
-        QTest::newRow("%d from bool") << "diffResult == %d" << Values{B(true)} << false;
-        QTest::newRow("%K") << "%K == %@ AND %K.name == %@ AND %K == nil"
-                            << Values{S("leftNode.name"), S("inner"), S("leftNode"), S("inner"), S("like")} << true;
-        QTest::newRow("quoted %@ is literal") << "name == \"%@\"" << Values{} << false;
-    }
-    void formatArguments()
     {
         QFETCH(QString, format);
         QFETCH(Values, arguments);
@@ -284,6 +236,9 @@ private slots:
         QVERIFY(predicate);
         QCOMPARE(predicate->evaluateWithObject(sampleRow), expected);
         VERIFY_ROUND_TRIP(predicate);
+        // The rendered text means the same on the row.
+        QCOMPARE(KVNPredicate::predicateWithFormat(predicate->predicateFormat())->evaluateWithObject(sampleRow),
+                 expected);
     }
 
     void objectsCompareByIdentity()
@@ -292,11 +247,9 @@ private slots:
         const auto same = parseOrFail("leftNode == %@", {KVNValue::fromObject(inner)});
         const auto lookalike = parseOrFail("leftNode == %@", {KVNValue::fromObject(twin)});
         QVERIFY(same->evaluateWithObject(sampleRow) && !lookalike->evaluateWithObject(sampleRow));
-        QVERIFY(parseOrFail("leftNode != %@", {KVNValue::fromObject(twin)})->evaluateWithObject(sampleRow));
         QVERIFY(!same->isEqual(*lookalike));
         // SELF is the evaluated object itself.
         QVERIFY(parseOrFail("SELF == %@", {KVNValue::fromObject(inner)})->evaluateWithObject(*inner));
-        QVERIFY(!parseOrFail("SELF == %@", {KVNValue::fromObject(twin)})->evaluateWithObject(*inner));
         // Objects have no text form: the rendering must not parse as something else.
         QVERIFY(!KVNPredicate::parse(same->predicateFormat()).ok());
     }
@@ -331,84 +284,38 @@ private slots:
         QCOMPARE(reads(longKey + " == 6 OR " + longKey + " == 7"), std::make_pair(true, 2));
     }
 
-    void stringOptions_data()
-    {
-        QTest::addColumn<QString>("format");
-        QTest::addColumn<QString>("value");
-        QTest::addColumn<bool>("expected");
-        const auto row = [](const char *format, const char *value, bool expected) {
-            QTest::addRow("%s on %s", format, value)
-                << QString::fromUtf8(format) << QString::fromUtf8(value) << expected;
-        };
-        // Case and diacritics: precomposed É, and E with a combining acute.
-        row("v ==[cd] \"e\" AND v !=[cd] \"f\"", "É", true);
-        row("v ==[d] \"E\" AND v ==[c] \"é\"", "É", true);
-        row("v ==[d] \"e\" OR v ==[c] \"e\" OR v == \"e\"", "É", false);
-        row("v BEGINSWITH[d] \"Ec\" AND v BEGINSWITH[c] \"éC\" AND v ENDSWITH[c] \"LAIR\"", "Éclair", true);
-        row("v CONTAINS[cd] \"ECL\" AND v MATCHES[cd] \"ecl.*\"", "Éclair", true);
-        row("v CONTAINS \"ecl\" OR v MATCHES \"ecl.*\"", "Éclair", false);
-        row("\"cafe\" IN[d] v", "un café noir", true);
-        row("v ==[c] \"\\ud801\\udc28\"", "\xF0\x90\x90\x80", true); // folds outside the BMP too
-        row("v <[c] \"Banana\"", "avocado", true);
-        row("v ==[c] w", "ÀB", true); // options apply when both sides are key paths
-    }
-    void stringOptions()
-    {
-        QFETCH(QString, format);
-        QFETCH(QString, value);
-        QFETCH(bool, expected);
-        const auto predicate = parseOrFail(format);
-        QVERIFY(predicate);
-        QCOMPARE(predicate->evaluateWithObject(KVNTestObject({{"v", S(value)}, {"w", S(QStringLiteral("àb"))}})),
-                 expected);
-        VERIFY_ROUND_TRIP(predicate);
-    }
-
-    void likeWildcards_data()
-    {
-        QTest::addColumn<QString>("pattern");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("options");
-        QTest::addColumn<bool>("expected");
-        const auto row = [](const char *pattern, const char *text, int options, bool expected) {
-            QTest::addRow("%s on %s, %d", pattern, text, options)
-                << QString::fromUtf8(pattern) << QString::fromUtf8(text) << options << expected;
-        };
-        const int c = KVNComparisonPredicate::CaseInsensitive, d = KVNComparisonPredicate::DiacriticInsensitive;
-        // '*' and '?' match whole strings; a backslash makes the next character literal.
-        row("*.txt", "a.txt.bak", 0, false);
-        row("?.txt", "ab.txt", 0, false);
-        row("a*b*c", "aXXbYY", 0, false);
-        row("**a**", "xxa", 0, true);
-        row("a\\*", "a*", 0, true);
-        row("a\\\\b", "a\\b", 0, true);
-        row("\\", "\\", 0, true); // a trailing backslash stands for itself
-        row("*a*a*a*a*b", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", 0, false); // backtracking
-        row("é?", "e\u0301x", d, true);
-        row("*CAFE*", "Un Café noir", c | d, true);
-        row("*CAFE*", "Un Café noir", c, false);
-    }
     void likeWildcards()
     {
-        QFETCH(QString, pattern);
-        QFETCH(QString, text);
-        QFETCH(int, options);
-        QFETCH(bool, expected);
-        const KVNTestObject object({{"name", S(text)}, {"pattern", S(pattern)}});
-        // A constant pattern (compiled once) and one read from the row must agree.
-        const auto constant = comparison("name", Operator::Like, S(pattern), unsigned(options));
-        const auto fromRow = KVNComparisonPredicate::make(*KVNExpression::keyPath(u"name"), Operator::Like,
-                                                          *KVNExpression::keyPath(u"pattern"), unsigned(options));
-        QCOMPARE(constant->evaluateWithObject(object), expected);
-        QCOMPARE(fromRow->evaluateWithObject(object), expected);
-        VERIFY_ROUND_TRIP(constant);
+        const unsigned c = KVNComparisonPredicate::CaseInsensitive, d = KVNComparisonPredicate::DiacriticInsensitive;
+        // '*' and '?' match whole strings; a backslash makes the next character literal.
+        const std::tuple<const char *, const char *, unsigned, bool> cases[] = {
+            {"*.txt", "a.txt.bak", 0, false},
+            {"a*b*c", "aXXbYY", 0, false},
+            {"**a**", "xxa", 0, true},
+            {"a\\*", "a*", 0, true},
+            {"a\\\\b", "a\\b", 0, true},
+            {"\\", "\\", 0, true}, // a trailing backslash stands for itself
+            {"*a*a*a*a*b", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", 0, false}, // backtracking
+            {"é?", "e\u0301x", d, true},
+            {"*CAFE*", "Un Café noir", c | d, true},
+            {"*CAFE*", "Un Café noir", c, false}};
+        const auto name = *KVNExpression::keyPath(u"name");
+        for (const auto &[pattern, text, options, expected] : cases) {
+            const KVNTestObject object({{"name", S(text)}, {"pattern", S(pattern)}});
+            // A constant pattern (compiled once) and one read from the row must agree.
+            const auto constant =
+                KVNComparisonPredicate::make(name, Operator::Like, KVNExpression::constant(S(pattern)), options);
+            const auto fromRow =
+                KVNComparisonPredicate::make(name, Operator::Like, *KVNExpression::keyPath(u"pattern"), options);
+            QVERIFY2(constant->evaluateWithObject(object) == expected, pattern);
+            QVERIFY2(fromRow->evaluateWithObject(object) == expected, pattern);
+            VERIFY_ROUND_TRIP(constant);
+        }
     }
 
     void structureAndFactories()
     {
-        const auto a = comparison("a", Operator::Equal, I(1));
-        const auto b = comparison("b", Operator::Equal, I(2));
-        const auto c = comparison("c", Operator::Equal, I(3));
+        const auto a = parseOrFail("a == 1"), b = parseOrFail("b == 2"), c = parseOrFail("c == 3");
         const auto AND = &KVNPredicate::andPredicateWithSubpredicates;
         const auto OR = &KVNPredicate::orPredicateWithSubpredicates;
         const auto NOT = &KVNPredicate::notPredicateWithSubpredicate;
@@ -428,8 +335,6 @@ private slots:
             VERIFY_ROUND_TRIP(parsed);
         }
         QCOMPARE(NOT(NOT(a))->predicateFormat(), QStringLiteral("NOT (NOT a == 1)"));
-        QCOMPARE(NOT(KVNPredicate::truePredicate())->predicateFormat(), QStringLiteral("NOT TRUEPREDICATE"));
-
         // The factories keep the shape exact and leave out what is absent.
         QCOMPARE(AND({})->kind(), KVNPredicate::Kind::True);
         QCOMPARE(OR({})->kind(), KVNPredicate::Kind::False);
@@ -437,12 +342,8 @@ private slots:
         QCOMPARE(NOT(nullptr), KVNPredicatePtr());
         QCOMPARE(AND({a, nullptr, b})->subpredicates(), (std::vector<KVNPredicatePtr>{a, b}));
         QVERIFY(!AND({a, b})->isEqual(*AND({b, a})));
-        QVERIFY(!KVNPredicateEvaluate(nullptr, sampleRow));
-        QVERIFY(KVNPredicatesEqual(nullptr, nullptr) && !KVNPredicatesEqual(a, nullptr));
         QVERIFY(KVNPredicatesEqual(parseOrFail("isDirectory == YES"), parseOrFail("isDirectory == 1.0")));
         QVERIFY(!KVNPredicatesEqual(parseOrFail("name == \"a\""), parseOrFail("name ==[c] \"a\"")));
-        QVERIFY(KVNPredicateFormat(nullptr).isEmpty());
-
         // The factory refuses what it could not render or evaluate sensibly.
         const auto key = *KVNExpression::keyPath(u"n");
         QString message;
@@ -458,10 +359,9 @@ private slots:
     {
         // The exclusion as the system builds it: one format per name, each added
         // name wrapping the whole previous predicate.
-        std::vector<KVNPredicatePtr> names;
-        for (const char *name : {".DS_Store", "CVS", ".svn", ".git", ".hg"})
-            names.push_back(parseOrFail("spotlightItemFSName LIKE[c] %@", {S(name)}));
-        const auto exclusion = KVNPredicate::orPredicateWithSubpredicates(names);
+        const auto nameLike = [](const char *name) { return parseOrFail("spotlightItemFSName LIKE[c] %@", {S(name)}); };
+        const auto exclusion = KVNPredicate::orPredicateWithSubpredicates(
+            {nameLike(".DS_Store"), nameLike("CVS"), nameLike(".svn"), nameLike(".git"), nameLike(".hg")});
         const QString exclusionText = exclusion->predicateFormat();
         QCOMPARE(exclusionText, "spotlightItemFSName LIKE[c] \".DS_Store\" OR spotlightItemFSName LIKE[c] \"CVS\" OR "
                                 "spotlightItemFSName LIKE[c] \".svn\" OR spotlightItemFSName LIKE[c] \".git\" OR "
@@ -469,36 +369,45 @@ private slots:
         KVNPredicatePtr grown = exclusion;
         for (const char *name : {"*.o", "build"}) {
             const QString before = grown->predicateFormat();
-            grown = KVNPredicate::orPredicateWithSubpredicates(
-                {grown, parseOrFail("spotlightItemFSName LIKE[c] %@", {S(name)})});
+            grown = KVNPredicate::orPredicateWithSubpredicates({grown, nameLike(name)});
             QCOMPARE(grown->predicateFormat(), "(" + before + ") OR spotlightItemFSName LIKE[c] \"" + name + "\"");
             VERIFY_ROUND_TRIP(grown);
         }
-        for (const auto &[name, excluded] :
-             {std::pair(".SVN", true), std::pair("main.O", true), std::pair("main.c", false)})
-            QCOMPARE(grown->evaluateWithObject(KVNTestObject({{"spotlightItemFSName", S(name)}})), excluded);
-
         // A filter, and the table's predicate that joins the parts.
-        const auto filter = parseOrFail("(diffResult == %d OR diffResult == %d)", {I(2), I(5)});
         const auto table = KVNPredicate::andPredicateWithSubpredicates(
-            {parseOrFail("depthHint == 1"), KVNPredicate::notPredicateWithSubpredicate(exclusion), filter});
+            {parseOrFail("depthHint == 1"), KVNPredicate::notPredicateWithSubpredicate(exclusion),
+             parseOrFail("(diffResult == %d OR diffResult == %d)", {I(2), I(5)})});
         QCOMPARE(table->predicateFormat(),
                  "depthHint == 1 AND (NOT (" + exclusionText + ")) AND (diffResult == 2 OR diffResult == 5)");
         VERIFY_ROUND_TRIP(table);
-        QCOMPARE(parseOrFail("(rightNode == nil) || (leftNode == nil)")->predicateFormat(),
-                 QStringLiteral("rightNode == nil OR leftNode == nil"));
     }
 
+    // Random predicates round-trip; their texts, damaged, parse to sound
+    // predicates or fail with a reason and a position inside the text.
     void randomPredicatesRoundTrip()
     {
         Generator generator(20240611);
-        for (int i = 0; i < 4000; ++i) {
+        const Values arguments = {S("a"), S("b.c"), I(1), KVNValue(), B(true), D(0.5), S("("), S("a b")};
+        int parsed = 0;
+        for (int i = 0; i < 10000; ++i) {
             const auto predicate = generator.predicate(0);
             VERIFY_ROUND_TRIP(predicate);
-            // Equal predicates decide alike.
             QCOMPARE(KVNPredicate::predicateWithFormat(predicate->predicateFormat())->evaluateWithObject(sampleRow),
                      predicate->evaluateWithObject(sampleRow));
+            const QString text = generator.damage(predicate->predicateFormat());
+            const auto result = KVNPredicate::parse(text, arguments.mid(generator.below(8), generator.below(4)));
+            QVERIFY(result.ok() != result.error.has_value());
+            if (result.ok()) {
+                ++parsed;
+                result.predicate->evaluateWithObject(sampleRow);
+                VERIFY_ROUND_TRIP(result.predicate);
+            } else {
+                QVERIFY(!result.error->message.isEmpty());
+                QVERIFY2(result.error->position >= 0 && result.error->position <= text.size(), qPrintable(text));
+            }
         }
+        // The damage reaches past the lexer often enough to mean something.
+        QVERIFY(parsed > 300);
     }
 
     void malformedText_data()
@@ -528,8 +437,7 @@ private slots:
         row("a == %s", {S("x")}, 5, "unknown format specifier");
         row("a == 1 AND", {}, 10, "expected a predicate");
         row("a == DATE(1)", {}, 10, "DATE(");
-        row(QStringLiteral("名前 == \"x"), {}, 6, "unterminated"); // positions count UTF-16 units
-        row(QStringLiteral("\U0001D400 == \"x"), {}, 6, "unterminated");
+        row(QStringLiteral("\U0001D400 == \"x"), {}, 6, "unterminated"); // positions count UTF-16 units
         row("a == 1 ; b", {}, 7, "unexpected character");
     }
     void malformedText()
@@ -545,27 +453,6 @@ private slots:
         QCOMPARE(KVNPredicate::predicateWithFormat(format, arguments), KVNPredicatePtr());
     }
 
-    void randomNoiseNeverCrashes()
-    {
-        Generator generator(7);
-        int parsed = 0;
-        for (int i = 0; i < 20000; ++i) {
-            const QString text = generator.noise();
-            const auto result = KVNPredicate::parse(text, generator.arguments());
-            QVERIFY(result.ok() != result.error.has_value());
-            if (result.ok()) {
-                ++parsed;
-                result.predicate->evaluateWithObject(sampleRow);
-                VERIFY_ROUND_TRIP(result.predicate);
-            } else {
-                QVERIFY(!result.error->message.isEmpty());
-                QVERIFY2(result.error->position >= 0 && result.error->position <= text.size(), qPrintable(text));
-            }
-        }
-        // The soup reaches past the lexer often enough to mean something.
-        QVERIFY(parsed > 300);
-    }
-
     void deepNestingIsBounded()
     {
         const int limit = KVNPredicate::maxNestingDepth();
@@ -574,12 +461,12 @@ private slots:
         const auto tooDeep = KVNPredicate::parse(nested(100000));
         QVERIFY(!tooDeep.ok() && tooDeep.error->message.contains("nesting"));
         QCOMPARE(tooDeep.error->position, limit);
-        QVERIFY(!KVNPredicate::parse(QString(100000, u'(')).ok());
         const auto manyNots = KVNPredicate::parse(QStringLiteral("NOT ").repeated(100000) + "a == 1");
         QVERIFY(!manyNots.ok());
         QCOMPARE(manyNots.error->position, 4 * limit);
-        QVERIFY(!KVNPredicate::parse(QString(100000, u'!') + "a == 1").ok());
-        QVERIFY(!KVNPredicate::parse(QStringLiteral("(!").repeated(50000) + "a == 1").ok());
+        for (const QString &text :
+             {QString(100000, u'('), QString(100000, u'!') + "a == 1", QStringLiteral("(!").repeated(50000) + "a == 1"})
+            QVERIFY(!KVNPredicate::parse(text).ok());
         // A factory-built tree at the limit round-trips; a NOT around parentheses
         // counts twice, so half the limit in levels stays inside it.
         KVNPredicatePtr deep = parseOrFail("a == 1");
@@ -596,28 +483,21 @@ private slots:
         QVERIFY(chain->evaluateWithObject(sampleRow));
     }
 
+    // Compiled patterns and folded constants are shared by every thread.
     void concurrentEvaluation()
     {
         std::vector<KVNPredicatePtr> predicates;
         for (const char *format :
-             {"spotlightItemFSName LIKE[c] \".DS_Store\" OR spotlightItemFSName LIKE[cd] \"*.TXT\"",
-              "name MATCHES[c] \"file_[0-9]+\\\\.(txt|dat)\"", "name BEGINSWITH[cd] \"FILÉ\" AND diffResult IN {1, 3}",
-              "(rightNode == nil) || (leftNode == nil)", "diffResult >= 2 AND NOT (size < 100.5)",
-              "name CONTAINS \"_1\" OR name ==[c] \"FILE_7.DAT\""})
+             {R"(name LIKE[c] ".DS_Store" OR name LIKE[cd] "*.TXT")", R"x(name MATCHES[c] "file_[0-9]+\\.(txt|dat)")x",
+              R"(name BEGINSWITH[cd] "FILÉ" AND diffResult IN {1, 3})",
+              R"(name CONTAINS "_1" OR name ==[c] "FILE_7.DAT" OR size >= 100.5)"})
             predicates.push_back(parseOrFail(QString::fromUtf8(format)));
         std::vector<std::shared_ptr<KVNTestObject>> rows;
         std::vector<char> expected;
         for (int i = 0; i < 500; ++i) {
             const QString name =
                 QStringLiteral("%1_%2.%3").arg(i % 2 ? "file" : "Filé").arg(i).arg(i % 3 ? "txt" : "dat");
-            rows.push_back(KVNTestObject::make({{"name", S(name)},
-                                                {"spotlightItemFSName", S(name)},
-                                                {"diffResult", I(i % 5)},
-                                                {"size", D(i * 0.75)}}));
-            if (i % 4)
-                rows.back()->setValue("leftNode", KVNValue::fromObject(inner));
-            if (i % 7)
-                rows.back()->setValue("rightNode", KVNValue::fromObject(inner));
+            rows.push_back(KVNTestObject::make({{"name", S(name)}, {"diffResult", I(i % 5)}, {"size", D(i * 0.75)}}));
             for (const auto &predicate : predicates)
                 expected.push_back(predicate->evaluateWithObject(*rows.back()));
         }
@@ -628,13 +508,11 @@ private slots:
         std::vector<std::thread> threads;
         for (std::size_t t = 0; t < 8; ++t)
             threads.emplace_back([&, t] {
-                // Threads start at different rows so that they overlap on every predicate.
-                for (std::size_t step = 0; step < 20 * rows.size(); ++step) {
-                    const std::size_t index = (step + t * 61) % rows.size();
-                    for (std::size_t p = 0; p < predicates.size(); ++p)
+                // Different starting rows, so that threads overlap on every predicate.
+                for (std::size_t step = 0; step < 20 * rows.size(); ++step)
+                    for (std::size_t index = (step + t * 61) % rows.size(), p = 0; p < predicates.size(); ++p)
                         mismatches += char(predicates[p]->evaluateWithObject(*rows[index])) !=
                                       expected[index * predicates.size() + p];
-                }
             });
         for (auto &thread : threads)
             thread.join();

@@ -52,6 +52,10 @@ const auto cls = [](const QList<QByteArray> &classes) {
 };
 const QByteArray likeOperator =
     dict({"NSOperatorType", integer(7), "NSModifier", integer(0), "NSFlags", integer(1), "$class", u(34)});
+const QByteArray xmlStart = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                            "<key>$archiver</key><string>NSKeyedArchiver</string>\n"
+                            "<key>$version</key><integer>100000</integer>\n<key>$top</key><dict><key>root</key>" +
+                            u(1) + "</dict>\n<key>$objects</key>\n<array>\n";
 const QByteArray xmlEnd = "</array>\n</dict>\n</plist>\n";
 
 // A session archived by the platform, one object per line: the default
@@ -99,10 +103,7 @@ QByteArray platformXml(const QByteArray &base)
               << cls({"NSComparisonPredicate", "NSPredicate"});
     }
     o << cls({"NSArray"}) << cls({"NSCompoundPredicate", "NSPredicate"}) << cls({"NSDictionary"});
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-           "<key>$archiver</key><string>NSKeyedArchiver</string>\n<key>$version</key><integer>100000</integer>\n"
-           "<key>$top</key><dict><key>root</key>" +
-           u(1) + "</dict>\n<key>$objects</key>\n<array>\n" + o.join('\n') + '\n' + xmlEnd;
+    return xmlStart + o.join('\n') + '\n' + xmlEnd;
 }
 
 // A temporary directory with the two roots of the platform's example; rows of
@@ -172,93 +173,49 @@ void compareContents(const KVNSessionContents &actual, const KVNSessionContents 
     QVERIFY(KVNPredicatesEqual(actual.exclusionPredicate, expected.exclusionPredicate));
 }
 
-// A binary property list written by hand, for shapes and sizes no writer makes
-// quickly: objects are given encoded; counts, references and offsets take 4 bytes.
-struct HandWrittenPlist {
-    QList<QByteArray> objects;
-
-    static QByteArray bigEndian(quint64 value, int size)
-    {
-        QByteArray bytes;
-        for (int i = size - 1; i >= 0; --i)
-            bytes += char((value >> (8 * i)) & 0xFF);
-        return bytes;
+// A binary property list of arrays written by hand, for shapes no writer
+// makes: counts, references and offsets take 4 bytes.
+QByteArray bigEndian(quint64 value, int size)
+{
+    QByteArray bytes;
+    for (int i = size - 1; i >= 0; --i)
+        bytes += char((value >> (8 * i)) & 0xFF);
+    return bytes;
+}
+QByteArray arrayObject(const QList<quint32> &refs)
+{
+    QByteArray object = "\xAF\x12" + bigEndian(quint64(refs.size()), 4);
+    for (const quint32 ref : refs)
+        object += bigEndian(ref, 4);
+    return object;
+}
+QByteArray handWritten(const QList<QByteArray> &objects)
+{
+    QByteArray data = "bplist00", table;
+    for (const QByteArray &object : objects) {
+        table += bigEndian(quint64(data.size()), 4);
+        data += object;
     }
-    static QByteArray container(uint8_t marker, const QList<quint32> &refs, qsizetype count)
-    {
-        QByteArray object = char(marker | 0x0F) + ('\x12' + bigEndian(quint64(count), 4));
-        for (const quint32 ref : refs)
-            object += bigEndian(ref, 4);
-        return object;
-    }
-    static QByteArray array(const QList<quint32> &refs) { return container(0xA0, refs, refs.size()); }
-    quint32 add(const QByteArray &encoded = {})
-    {
-        objects.append(encoded);
-        return quint32(objects.size() - 1);
-    }
-    quint32 dict(const QList<quint32> &keys, const QList<quint32> &values)
-    {
-        return add(container(0xD0, keys + values, keys.size()));
-    }
-    quint32 string(const QByteArray &ascii) { return add("\x5F\x12" + bigEndian(ascii.size(), 4) + ascii); }
-    quint32 integer(quint32 value) { return add('\x12' + bigEndian(value, 4)); }
-    quint32 uid(quint32 value) { return add('\x83' + bigEndian(value, 4)); }
-    QByteArray binary(quint32 top = 0) const
-    {
-        QByteArray data = "bplist00", table;
-        for (const QByteArray &object : objects) {
-            table += bigEndian(quint64(data.size()), 4);
-            data += object;
-        }
-        return data + table + QByteArray(6, '\0') + "\x04\x04" + bigEndian(quint64(objects.size()), 8) +
-               bigEndian(top, 8) + bigEndian(quint64(data.size()), 8);
-    }
-};
+    return data + table + QByteArray(6, '\0') + "\x04\x04" + bigEndian(quint64(objects.size()), 8) + bigEndian(0, 8) +
+           bigEndian(quint64(data.size()), 8);
+}
 
 // A session whose exclusion is depth compounds of the given type, each holding
-// the next fanout times, around a TRUEPREDICATE. Written by hand: the archiver
-// takes many seconds for the hundreds of thousands of objects of the deepest.
-QByteArray nestedCompounds(quint32 depth, quint32 type, int fanout)
+// the next fanout times, around a TRUEPREDICATE: compound i is object 7 + 2i.
+QByteArray nestedCompounds(int depth, int type, int fanout)
 {
-    HandWrittenPlist p;
-    const quint32 top = p.add(), objectTable = p.add();
-    const QList<quint32> topKeys = {p.string("$archiver"), p.string("$version"), p.string("$top"),
-                                    p.string("$objects")};
-    const QList<quint32> topValues = {p.string("NSKeyedArchiver"), p.integer(100000),
-                                      p.dict({p.string("root")}, {p.uid(1)}), objectTable};
-    p.objects[top] = HandWrittenPlist::container(0xD0, topKeys + topValues, 4);
-    const quint32 objects = p.string("NS.objects"), classKey = p.string("$class");
-    const quint32 subpredicates = p.string("NSSubpredicates"), typeKey = p.string("NSCompoundPredicateType");
-    const quint32 typeValue = p.integer(type);
-    auto description = [&](const QList<QByteArray> &classes) {
-        QList<quint32> names;
-        for (const QByteArray &name : classes + QList<QByteArray>{"NSObject"})
-            names.append(p.string(name));
-        return p.dict({p.string("$classname"), p.string("$classes")},
-                      {names.front(), p.add(HandWrittenPlist::array(names))});
-    };
-    // UIDs: 0 $null, 1 root, 2 its key, 3-6 classes, then compound i at 7 + 2i,
-    // its list at 8 + 2i, and TRUEPREDICATE at 7 + 2 * depth.
-    QList<quint32> entries = {
-        p.string("$null"),
-        p.dict({p.string("NS.keys"), objects, classKey},
-               {p.add(HandWrittenPlist::array({p.uid(2)})), p.add(HandWrittenPlist::array({p.uid(7)})), p.uid(3)}),
-        p.string("exclusionPredicate"),
-        description({"NSDictionary"}),
-        description({"NSCompoundPredicate", "NSPredicate"}),
-        description({"NSArray"}),
-        description({"NSTruePredicate", "NSPredicate"}),
-    };
-    for (quint32 i = 0; i < depth; ++i) {
-        entries << p.dict({subpredicates, typeKey, classKey}, {p.uid(8 + 2 * i), typeValue, p.uid(4)});
-        const quint32 next = p.uid(9 + 2 * i);
-        entries << p.dict({objects, classKey},
-                          {p.add(HandWrittenPlist::array(QList<quint32>(fanout, next))), p.uid(5)});
-    }
-    entries << p.dict({classKey}, {p.uid(6)});
-    p.objects[objectTable] = HandWrittenPlist::array(entries);
-    return p.binary(top);
+    QList<QByteArray> o = {str("$null"),
+                           dict({"NS.keys", ids({2}), "NS.objects", ids({7}), "$class", u(3)}),
+                           str("exclusionPredicate"),
+                           cls({"NSDictionary"}),
+                           cls({"NSCompoundPredicate", "NSPredicate"}),
+                           cls({"NSArray"}),
+                           cls({"NSTruePredicate", "NSPredicate"})};
+    for (int i = 0; i < depth; ++i)
+        o << dict({"NSSubpredicates", u(8 + 2 * i), "NSCompoundPredicateType", integer(type), "$class", u(4)})
+          << dict({"NS.objects", "<array>" + u(9 + 2 * i).repeated(fanout) + "</array>", "$class", u(5)});
+    o << dict({"$class", u(6)});
+    return xmlStart + o.join('\n') + '\n' + xmlEnd;
 }
 
 } // namespace
@@ -314,7 +271,6 @@ private slots:
                                     << QStringLiteral("a+b=c,d;e@f:g!h$i&j'k(l)m*n~o_p-q.r/");
         QTest::newRow("brackets and quotes")
             << QByteArray("[x]{y}\"z\"<>|^`\\") << QStringLiteral("%5Bx%5D%7By%7D%22z%22%3C%3E%7C%5E%60%5C/");
-        QTest::newRow("dots") << QByteArray("..a/./b..") << QStringLiteral("..a/./b../");
         QTest::newRow("missing") << QByteArray("missing") << QStringLiteral("missing");
     }
     void paths()
@@ -478,8 +434,6 @@ private slots:
             "object 17 contains itself");
         add("URLs each other's base",
             edited(swap("NS.base", u(0), u(13)), field("NS.base", u(0)), field("NS.base", u(10))), "contains itself");
-        add("root as its own predicate", edited(xml, u(17) + "</array>", u(1) + "</array>"),
-            "object 1 contains itself");
     }
 
     void readsPlatformArchive()
@@ -512,8 +466,6 @@ private slots:
                  R"(name == "quote \" backslash \\ tab \t" OR name == "x𝐀y" OR name == "")",
                  R"(leftNode.name == "x" AND a.b.c == 1 AND SELF == "x")",
                  "modified > DATE(1700000000, 500000000)",
-                 "TRUEPREDICATE",
-                 "FALSEPREDICATE",
                  "TRUEPREDICATE AND (FALSEPREDICATE OR name == \"x\")",
                  "NOT (a == 1 AND (b == 2 OR NOT c == 3)) OR d == 4",
                  "NOT NOT a == 1",
@@ -581,7 +533,8 @@ private slots:
             level = level->subpredicates().front();
         }
         QCOMPARE(level->kind(), KVNPredicate::Kind::True);
-        for (const quint32 depth : {quint32(limit + 1), quint32(100'000)}) {
+        // Deep enough to show no step recurses before the depth is checked.
+        for (const int depth : {limit + 1, 10'000}) {
             QVERIFY(!KVNSessionArchive::unarchive(nestedCompounds(depth, 0, 1), &error));
             QVERIFY2(error.contains(QStringLiteral("nested deeper than %1 levels").arg(limit)), qPrintable(error));
         }
@@ -595,19 +548,19 @@ private slots:
     {
         const auto refused = [](const QList<QByteArray> &objects, const char *problem) {
             QString error;
-            return !KVNSessionArchive::unarchive(HandWrittenPlist{objects}.binary(), &error) && error.contains(problem);
+            return !KVNSessionArchive::unarchive(handWritten(objects), &error) && error.contains(problem);
         };
         // 100,000 arrays, each inside the next; 60 that hold the next one twice (2^60 if expanded).
         QList<QByteArray> chain, shared;
         for (quint32 i = 0; i < 100'000; ++i)
-            chain << HandWrittenPlist::array({i + 1});
+            chain << arrayObject({i + 1});
         for (quint32 i = 0; i < 60; ++i)
-            shared << HandWrittenPlist::array({i + 1, i + 1});
-        QVERIFY(refused(chain << HandWrittenPlist::array({}), "not a keyed archive"));
-        QVERIFY(refused(shared << HandWrittenPlist::array({}), "not a keyed archive"));
+            shared << arrayObject({i + 1, i + 1});
+        QVERIFY(refused(chain << arrayObject({}), "not a keyed archive"));
+        QVERIFY(refused(shared << arrayObject({}), "not a keyed archive"));
         // An array that holds itself, and one whose count runs past the file.
-        QVERIFY(refused({HandWrittenPlist::array({0})}, ""));
-        QByteArray overlong = HandWrittenPlist::array({0});
+        QVERIFY(refused({arrayObject({0})}, ""));
+        QByteArray overlong = arrayObject({0});
         overlong[5] = char(0x7F);
         QVERIFY(refused({overlong}, "runs past the end"));
         // XML nested 200,000 deep.

@@ -129,13 +129,9 @@ private slots:
         QTest::addColumn<int>("b");
         QTest::addColumn<int>("directory");
         // 0 (a stopped run), 1 and 4 report nothing; 2 and 3 mark, 5 marks both.
-        QTest::newRow("unknown children") << 0 << 0 << 1;
-        QTest::newRow("unknown and single") << 0 << 3 << 3;
-        QTest::newRow("incomplete and same") << 4 << 1 << 1;
-        QTest::newRow("differ and unknown") << 2 << 0 << 2;
-        QTest::newRow("differ and single") << 2 << 3 << 5;
-        QTest::newRow("both and same") << 5 << 1 << 5;
-        QTest::newRow("single and incomplete") << 3 << 4 << 3;
+        for (const auto &[a, b, directory] :
+             {std::array{0, 0, 1}, {0, 3, 3}, {4, 1, 1}, {2, 0, 2}, {2, 3, 5}, {5, 1, 5}, {3, 4, 3}})
+            QTest::addRow("%d and %d", a, b) << a << b << directory;
     }
     void rollUpOfChildResults()
     {
@@ -145,9 +141,8 @@ private slots:
         KVNTestTree left, right;
         KVNFillTrees(left, right, {"=d/a", "=d/b"});
         auto comparison = KVNTestComparison::run(left, right);
-        setBoth(comparison.row("./d/a"), a);
-        setBoth(comparison.row("./d/b"), b);
-        setBoth(comparison.row("./d"), KVNDiffResultIncomplete);
+        for (const auto &[path, result] : {std::pair{"./d/a", a}, {"./d/b", b}, {"./d", int(KVNDiffResultIncomplete)}})
+            setBoth(comparison.row(path), result);
         refresh(comparison.rows, nullptr);
         // Files are never rolled up.
         QCOMPARE(results(comparison),
@@ -170,8 +165,6 @@ private slots:
                                 "./pc 1 1", "./pc/Only.app 0 -", "./pc/Only.app/x 3 -", "./onlyleft 3 -",
                                 "./onlyleft/b 3 -", "./onlyright - 3", "./emptyleft 1 -", "./x 3 3"})
             QVERIFY2(afterRun.contains(row), row);
-        QCOMPARE(comparison.row("./onlyleft/b/c")->mergeDirection(), uint64_t(KVNMergeDirectionRight));
-        QCOMPARE(comparison.row("./onlyright")->mergeDirection(), uint64_t(KVNMergeDirectionLeft));
         QCOMPARE(comparison.row("./emptyleft")->mergeDirection(), uint64_t(KVNMergeDirectionNone));
 
         // Every folder at a value the roll-up never gives: a parent comes out right
@@ -194,7 +187,6 @@ private slots:
         KVNFillTrees(left, right,
                      {"~d/x.log", "<d/e/only.log", "=d/e/same", "<top.log", "~p/skip.log/inner.txt", "=p/plain.txt"});
         auto comparison = KVNTestComparison::run(left, right, kLogExclusion);
-        auto &document = *comparison.document;
         const QStringList excluded = results(comparison);
         // Excluded items are still compared; only their folders leave them out.
         for (const char *row : {"./d 1 1", "./d/e 1 1", "./d/x.log 2 2", "./p 1 1", "./p/skip.log 2 2"})
@@ -207,15 +199,10 @@ private slots:
         QCOMPARE(KVNRowResults(comparison.row("./p")), "1 1");
 
         // A new exclusion changes folders only.
-        document.setExclusionPredicate(nullptr);
-        document.scheduleRefreshDiffStatus();
-        KVNWaitUntilIdle(document);
+        comparison.document->setExclusionPredicate(nullptr);
+        comparison.document->scheduleRefreshDiffStatus();
+        KVNWaitUntilIdle(*comparison.document);
         QCOMPARE(results(comparison), with(excluded, {"./d 5 5", "./d/e 3 3", "./p 2 2"}));
-
-        document.setExclusionPredicate(KVNPredicate::predicateWithFormat(kLogExclusion));
-        document.scheduleRefreshDiffStatus();
-        KVNWaitUntilIdle(document);
-        QCOMPARE(results(comparison), excluded);
     }
 };
 
