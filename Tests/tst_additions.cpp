@@ -2,7 +2,6 @@
 #include "KVNExceptionAdditions.h"
 #include "KVNKVOAdditions.h"
 #include "KVNMainThread.h"
-#include "KVNStringAdditions.h"
 #include "KVNTestTree.h"
 #include "KVNURLAdditions.h"
 
@@ -19,17 +18,13 @@
 #include <thread>
 #include <unistd.h>
 
-using namespace KVNStringAdditions;
 using namespace KVNURLAdditions;
 
 namespace {
 
 // The file URL of a path in tree, escapes and all.
-const auto urlText = [](const KVNTestTree &tree, const QByteArray &relative) {
-    return QString::fromLatin1("file://" + tree.path(relative).toPercentEncoding("/"));
-};
 const auto url = [](const KVNTestTree &tree, const QByteArray &relative) {
-    return QUrl(urlText(tree, relative), QUrl::StrictMode);
+    return QUrl(QString::fromLatin1("file://" + tree.path(relative).toPercentEncoding("/")), QUrl::StrictMode);
 };
 
 // Records what reaches it, on which thread, and keeps the observed values.
@@ -94,100 +89,6 @@ class TestAdditions : public QObject {
     Q_OBJECT
 
 private slots:
-    void truncateCenterToFit()
-    {
-        const QString ten = QStringLiteral("0123456789");
-        // Each face is two units; a cut may fall inside a pair, by design.
-        const QString faces = QStringLiteral("a\U0001F600b\U0001F600c");
-        const std::tuple<QString, uint, QString> cases[] = {{ten, 5, QStringLiteral("01\u202689")},
-                                                            {ten, 4, QStringLiteral("01\u20269")},
-                                                            {ten, 2, QStringLiteral("0\u2026")},
-                                                            {ten, 1, QStringLiteral("\u2026")},
-                                                            {ten, 10, ten},
-                                                            {QString(), 0, QString()},
-                                                            {faces, 4, faces.left(2) + QChar(0x2026) + u'c'}};
-        for (const auto &[input, length, expected] : cases)
-            QCOMPARE(KVNStringAdditions::truncateCenterToFit(input, length), expected);
-        QVERIFY_THROWS_EXCEPTION(std::out_of_range, (void)KVNStringAdditions::truncateCenterToFit("x", 0));
-    }
-
-    void shortHostnameForLabel()
-    {
-        // Numbers are kept whole; a name loses its domain; never null.
-        const char *const cases[][2] = {{"", ""},           {"build.local", "build"},   {"10.1.2.3", "10.1.2.3"},
-                                        {"10.0.1.5", "10"}, {"12ab.34cd", "12ab.34cd"}, {" -3.+4.x", " -3"},
-                                        {".local", ""}};
-        for (const auto &[host, expected] : cases) {
-            const QString result =
-                KVNStringAdditions::shortHostnameForLabel(*host ? QString::fromLatin1(host) : QString());
-            QCOMPARE(result, QString::fromLatin1(expected));
-            QVERIFY(!result.isNull());
-        }
-    }
-
-    void coerceToURL()
-    {
-        KVNTestTree tree;
-        tree.dir("dir");
-        tree.dir("d\xff");
-        tree.file("file", "x");
-        tree.symlink("linkdir", "dir");
-        // Only the URL of an existing directory gains a slash.
-        for (const char *relative : {"dir", "d\xff"})
-            QCOMPARE(KVNStringAdditions::coerceToURL(urlText(tree, relative)), urlText(tree, relative) + u'/');
-        for (const QString &text :
-             {urlText(tree, "dir/"), urlText(tree, "file"), urlText(tree, "linkdir"),
-              QStringLiteral("https://example.org/dir"), QStringLiteral("file:///a b"), QString()})
-            QCOMPARE(KVNStringAdditions::coerceToURL(text), text);
-    }
-
-    void urlPathComponents()
-    {
-        const QUrl dir = QUrl(QStringLiteral("file:///srv/some%20dir/"));
-        QCOMPARE(URLAppendingPathComponent(dir, "x y", false).toString(QUrl::FullyEncoded),
-                 QStringLiteral("file:///srv/some%20dir/x%20y"));
-        QCOMPARE(URLAppendingPathComponent(dir, QStringLiteral("sub"), true).toString(QUrl::FullyEncoded),
-                 QStringLiteral("file:///srv/some%20dir/sub/"));
-        QCOMPARE(posixPathBytes(URLAppendingPathComponent(dir, "a//b/", false)), QByteArray("/srv/some dir/a/b"));
-        // Always a file URL, whatever came in; bytes stay bytes.
-        const QUrl web = URLAppendingPathComponent(QUrl(QStringLiteral("https://host/base")), "leaf", false);
-        QVERIFY(web.isLocalFile());
-        QCOMPARE(posixPathBytes(web), QByteArray("/base/leaf"));
-        const QUrl odd = URLAppendingPathComponent(dir, QByteArray("n\xfe%"), false);
-        QCOMPARE(posixPathBytes(odd), QByteArray("/srv/some dir/n\xfe%"));
-        QCOMPARE(odd.toString(QUrl::FullyEncoded), QStringLiteral("file:///srv/some%20dir/n%FE%25"));
-
-        const QUrl blank(QStringLiteral("file:///srv/a%20b"));
-        QCOMPARE(posixPath(blank), QStringLiteral("/srv/a b"));
-        QCOMPARE(KVNURLAdditions::lastPathComponent(blank), QStringLiteral("a%20b"));
-        QCOMPARE(posixPath(QUrl(QStringLiteral("file:///"))), QStringLiteral("/"));
-        // The whole encoded text is cut, query and all.
-        QCOMPARE(KVNURLAdditions::lastPathComponent(QUrl(QStringLiteral("https://host/p?q=1"))),
-                 QStringLiteral("p?q=1"));
-        QCOMPARE(posixPathBytes(QUrl(QStringLiteral("file:///n%FF"))), QByteArray("/n\xff"));
-    }
-
-    void deletingLastPathComponentCutsTheEncodedText()
-    {
-        KVNTestTree tree;
-        const QString previous = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(QFile::decodeName(tree.root())));
-        auto restore = qScopeGuard([&] { QDir::setCurrent(previous); });
-        // The scheme is a path component and the escape is taken literally.
-        const QUrl result = URLDeletingLastPathComponent(QUrl(QStringLiteral("file:///srv/a%20b/c")));
-        QVERIFY(result.isLocalFile());
-        QCOMPARE(posixPathBytes(result), tree.path("file:/srv/a%20b"));
-        QVERIFY(result.toString(QUrl::FullyEncoded).endsWith(QStringLiteral("/file:/srv/a%2520b")));
-        // Where that odd path is a directory, the file system gives it its slash.
-        tree.dir("file:/srv/a%20b");
-        QVERIFY(URLDeletingLastPathComponent(QUrl(QStringLiteral("file:///srv/a%20b/c")))
-                    .toString(QUrl::FullyEncoded)
-                    .endsWith(QStringLiteral("/file:/srv/a%2520b/")));
-        QVERIFY_THROWS_EXCEPTION(std::invalid_argument, (void)URLDeletingLastPathComponent(QUrl()));
-        QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
-                                 (void)URLDeletingLastPathComponent(QUrl(QStringLiteral("mailto:x"))));
-    }
-
     void saneFileURLRebuildsFromTheFileSystem()
     {
         KVNTestTree tree;
@@ -310,40 +211,6 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(markerRan, 5000);
         QVERIFY(observer.deliveries.empty());
         QVERIFY(watched.expired()); // dropped records let go of their objects
-    }
-
-    void observationRefusesMissingPartsAndOtherThreads()
-    {
-        RecordingObserver observer;
-        auto object = std::make_shared<int>(1);
-        const QString k = QStringLiteral("k");
-        QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
-                                 prepareSafeObserveForKeyPath(&observer, k, nullptr, {}, nullptr));
-        QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
-                                 prepareSafeObserveForKeyPath(nullptr, &observer, k, object, {}, nullptr));
-        QVERIFY_THROWS_EXCEPTION(std::invalid_argument,
-                                 prepareSafeObserveForKeyPath(&observer, nullptr, k, object, {}, nullptr));
-        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("incomplete observation record")));
-        dispatchObservationOnMainThread(&observer, {{QStringLiteral("keyPath"), k}});
-        QVERIFY(observer.deliveries.empty());
-
-        const QVariantMap observation{
-            {QStringLiteral("keyPath"), k},
-            {QStringLiteral("object"), QVariant::fromValue(std::shared_ptr<const void>(object))},
-            {QStringLiteral("change"), QVariantMap()}};
-        const auto dispatchFromWorker = [&] {
-            std::thread([&] { dispatchObservationOnMainThread(&observer, observation); }).join();
-        };
-#ifndef QT_NO_DEBUG
-        // With assertions compiled in, the refusal ends the process.
-        const auto [status, output] = runInChild(dispatchFromWorker);
-        QVERIFY2(WIFSIGNALED(status), output.constData());
-        QVERIFY2(output.contains("Must run on the main thread!"), output.constData());
-#else
-        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("Must run on the main thread!")));
-        dispatchFromWorker();
-        QVERIFY(observer.deliveries.empty());
-#endif
     }
 
     void printStackTraceAndBail()

@@ -3,7 +3,6 @@
 // changed from here, read line by line, stopped by end of input or a signal.
 #include "KVNTestTree.h"
 
-#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -21,21 +20,17 @@ class TestKvdiffWatch : public QObject {
 
         Watch(const QStringList &options, const KVNTestTree &left, const KVNTestTree &right)
         {
-            process.start(QStringLiteral(KVDIFF_BINARY), options + QStringList{QString::fromLocal8Bit(left.root()),
-                                                                               QString::fromLocal8Bit(right.root())});
+            process.start(QStringLiteral(KVDIFF_BINARY), options + QStringList{left.root(), right.root()});
         }
         // Waits for the report with the given sequence number.
-        bool waitFor(int sequence, int timeoutMs = 30000)
+        bool waitFor(int sequence)
         {
-            QElapsedTimer clock;
-            clock.start();
-            while (reports.size() < sequence && clock.elapsed() < timeoutMs) {
-                if (!process.canReadLine())
-                    process.waitForReadyRead(200);
+            const auto arrived = [&] {
                 while (process.canReadLine())
                     reports << QJsonDocument::fromJson(process.readLine()).object();
-            }
-            return reports.size() >= sequence;
+                return reports.size() >= sequence;
+            };
+            return QTest::qWaitFor(arrived, 30000);
         }
         QJsonArray rows(int sequence) const { return reports[sequence - 1].value("rows").toArray(); }
         QStringList paths(int sequence) const
@@ -45,20 +40,10 @@ class TestKvdiffWatch : public QObject {
                 list << row.toObject().value("path").toString();
             return list;
         }
-        QString result(int sequence, const QString &path) const
-        {
-            for (const auto &row : rows(sequence))
-                if (row.toObject().value("path") == path)
-                    return row.toObject().value("result").toString();
-            return QStringLiteral("no row");
-        }
         // End of input, or a signal, ends it cleanly with the status of the last report.
         void finish(int exitCode, bool bySignal = false)
         {
-            if (bySignal)
-                ::kill(pid_t(process.processId()), SIGTERM);
-            else
-                process.closeWriteChannel();
+            bySignal ? void(::kill(pid_t(process.processId()), SIGTERM)) : process.closeWriteChannel();
             QVERIFY(process.waitForFinished(30000));
             QCOMPARE(process.exitStatus(), QProcess::NormalExit);
             QCOMPARE(process.exitCode(), exitCode);
@@ -81,17 +66,6 @@ private slots:
         QVERIFY(watch.reports[1].value("trigger").toString().endsWith("/docs"));
         QCOMPARE(watch.paths(2), QStringList({"./docs", "./docs/a.txt", "./docs/z.txt", "./docs/m.txt"}));
 
-        // An edit that keeps the date is not seen; a touched file is compared again.
-        // Written beside the tree and moved in whole, so no scan can see it half done.
-        KVNTestTree scratch;
-        scratch.file("a.txt", "SAME");
-        QVERIFY(::rename(scratch.path("a.txt").constData(), right.path("docs/a.txt").constData()) == 0);
-        QVERIFY(watch.waitFor(3));
-        QCOMPARE(watch.result(3, "./docs/a.txt"), QStringLiteral("same"));
-        right.setMtime("docs/a.txt", 1700000500);
-        QVERIFY(watch.waitFor(4));
-        QCOMPARE(watch.result(4, "./docs/a.txt"), QStringLiteral("different"));
-
         // A root that vanishes is rescanned as what is there: every row is left-only.
         // A change made while an update scans goes unseen until the next event, so
         // a fresh file pokes the watch once the removal is surely under way.
@@ -99,7 +73,7 @@ private slots:
         QTest::qWait(1500);
         left.file("poke", "p");
         bool leftOnly = false;
-        for (int sequence = 5; !leftOnly && watch.waitFor(sequence); ++sequence) {
+        for (int sequence = 3; !leftOnly && watch.waitFor(sequence); ++sequence) {
             const QJsonArray rows = watch.rows(sequence);
             leftOnly = !rows.isEmpty() && std::all_of(rows.begin(), rows.end(), [](const QJsonValue &row) {
                 return row.toObject().value("right").isNull();

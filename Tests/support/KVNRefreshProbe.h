@@ -27,7 +27,6 @@ public:
         std::unique_lock guard(mutex_);
         steps_.push_back(row);
         const std::size_t step = steps_.size() - 1;
-        offMainThread_ = offMainThread_ && !KVNMainThread::isMainThread();
         guard.unlock();
         if (onStep)
             onStep(operation, step);
@@ -36,11 +35,9 @@ public:
     {
         std::lock_guard guard(mutex_);
         ++completed_;
-        offMainThread_ = offMainThread_ && !KVNMainThread::isMainThread();
     }
     std::vector<KVNDirDiffTableElementPtr> steps() const { return locked(steps_); }
     int completed() const { return locked(completed_); }
-    bool calledOffMainThread() const { return locked(offMainThread_); }
 
 private:
     template <typename T> T locked(const T &value) const
@@ -51,7 +48,6 @@ private:
     mutable std::mutex mutex_;
     std::vector<KVNDirDiffTableElementPtr> steps_;
     int completed_ = 0;
-    bool offMainThread_ = true;
 };
 
 // Stands in for the document as the final delegate of a run, so that a test
